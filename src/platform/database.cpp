@@ -1,0 +1,341 @@
+#include "platform/database.h"
+
+#include <libpq-fe.h>
+#include <sched.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/log.h"
+#include "platform/result_rows.h"
+
+struct DBConnect_tag {
+  PGconn* connection = nullptr;
+  std::string error;
+  // Whether anything but plain reading has run, so that there may be something to make durable.
+  bool wrote = false;
+};
+
+struct DBResult_tag {
+  std::vector<std::string> columns;
+  ResultRows rows;
+};
+
+namespace {
+
+constexpr int kPostgresql = 1;
+constexpr std::string_view kPlaceholder = "@KAVO:VAR";
+
+struct PGResultClearer {
+  void operator()(PGresult* result) const { PQclear(result); }
+};
+using PGResultHandle = std::unique_ptr<PGresult, PGResultClearer>;
+
+// Commits need not wait for the disk one by one, because KAVODBClose makes all of them durable at once. The planner's
+// compiler costs more than it gains on statements that touch a row. What else could make the same value read
+// differently from two databases is fixed.
+std::string startUpOptions() {
+  const char* given = std::getenv("PGOPTIONS");
+  return std::string(given != nullptr ? given : "") +
+         " -c standard_conforming_strings=on -c datestyle=ISO -c synchronous_commit=off -c jit=off";
+}
+
+// Notices are the server's remarks on statements that succeeded; the tool reports failures only.
+void ignoreNotice(void* /*argument*/, const PGresult* /*notice*/) {}
+
+// The start-up options yield to PGDATESTYLE, and the encoding of the stored texts is known only once the connection
+// stands.
+bool settleSession(PGconn* connection) {
+  const char* encoding = PQparameterStatus(connection, "server_encoding");
+  if (encoding != nullptr && std::strcmp(encoding, "SQL_ASCII") == 0 &&
+      PQsetClientEncoding(connection, "SQL_ASCII") != 0) {
+    return false;
+  }
+  const char* dates = PQparameterStatus(connection, "DateStyle");
+  if (dates == nullptr || std::strncmp(dates, "ISO", 3) == 0) {
+    return true;
+  }
+  const PGResultHandle set(PQexec(connection, "SET datestyle = ISO"));
+  return PQresultStatus(set.get()) == PGRES_COMMAND_OK;
+}
+
+// A process that waits for another one to wake it loses about as much time as a look-up takes, so the reply is polled
+// for a moment first. With one processor that would only keep the server from answering.
+bool maySpin() {
+  cpu_set_t processors;
+  CPU_ZERO(&processors);
+  return sched_getaffinity(0, sizeof processors, &processors) == 0 && CPU_COUNT(&processors) > 1;
+}
+
+void spinForReply(PGconn* connection) {
+  static const bool spins = maySpin();
+  if (!spins) {
+    return;
+  }
+  constexpr auto kLongest = std::chrono::microseconds(50);
+  const auto start = std::chrono::steady_clock::now();
+  while (PQisBusy(connection) != 0 && PQconsumeInput(connection) == 1 &&
+         std::chrono::steady_clock::now() - start < kLongest) {
+  }
+}
+
+// One line of what the server said. The statement is left out: whoever logs the error logs that too.
+std::string errorText(const PGresult* result, PGconn* connection) {
+  const char* primary = PQresultErrorField(result, PG_DIAG_MESSAGE_PRIMARY);
+  if (primary == nullptr) {
+    std::string text = PQerrorMessage(connection);
+    while (!text.empty() && text.back() == '\n') {
+      text.pop_back();
+    }
+    return text;
+  }
+  const char* severity = PQresultErrorField(result, PG_DIAG_SEVERITY);
+  std::string text = std::string(severity != nullptr ? severity : "ERROR") + ":  " + primary;
+  if (const char* detail = PQresultErrorField(result, PG_DIAG_MESSAGE_DETAIL)) {
+    text.append("  DETAIL:  ").append(detail);
+  }
+  if (const char* hint = PQresultErrorField(result, PG_DIAG_MESSAGE_HINT)) {
+    text.append("  HINT:  ").append(hint);
+  }
+  return text;
+}
+
+void readColumns(const PGresult* reply, DBResult_tag& result) {
+  if (!result.columns.empty()) {
+    return;
+  }
+  for (int column = 0; column < PQnfields(reply); ++column) {
+    result.columns.emplace_back(PQfname(reply, column));
+  }
+}
+
+void readRows(const PGresult* reply, DBResult_tag& result, std::vector<std::string_view>& fields) {
+  for (int row = 0; row < PQntuples(reply); ++row) {
+    fields.clear();
+    for (int column = 0; column < PQnfields(reply); ++column) {
+      // libpq gives the empty text for a null field.
+      fields.emplace_back(PQgetvalue(reply, row, column), static_cast<std::size_t>(PQgetlength(reply, row, column)));
+    }
+    appendRow(result.rows, fields);
+  }
+}
+
+// Reads the reply to its end, also after an error, so that the connection is free for the next statement.
+bool readReply(DBConnect_tag& connection, DBResult_tag& result) {
+  bool succeeded = true;
+  std::vector<std::string_view> fields;
+  for (;;) {
+    spinForReply(connection.connection);
+    const PGResultHandle reply(PQgetResult(connection.connection));
+    if (!reply) {
+      return succeeded;
+    }
+    switch (PQresultStatus(reply.get())) {
+      case PGRES_SINGLE_TUPLE:
+      case PGRES_TUPLES_OK:
+        readColumns(reply.get(), result);
+        readRows(reply.get(), result, fields);
+        break;
+      case PGRES_COMMAND_OK:
+      case PGRES_EMPTY_QUERY:
+        break;
+      default:
+        connection.error = errorText(reply.get(), connection.connection);
+        succeeded = false;
+        break;
+    }
+    if (std::strncmp(PQcmdStatus(reply.get()), "SELECT", 6) != 0) {
+      connection.wrote = true;
+    }
+  }
+}
+
+// A failed reply has no command status either, and costs at most one flush too many.
+void makeDurable(DBConnect_tag& connection) {
+  if (!connection.wrote || PQstatus(connection.connection) != CONNECTION_OK) {
+    return;
+  }
+  if (PQtransactionStatus(connection.connection) != PQTRANS_IDLE) {
+    // What stands before the open transaction is committed and must not be lost with it.
+    const PGResultHandle ended(PQexec(connection.connection, "ROLLBACK"));
+  }
+  // One synchronous commit flushes the log up to itself, with all commits before it. A transaction that writes nothing
+  // is not flushed; the message is the least that can be written, and no table sees it.
+  const char* const flush = "SET synchronous_commit = on; SELECT pg_logical_emit_message(true, 'kavophoto_backup', '')";
+  const PGResultHandle flushed(PQexec(connection.connection, flush));
+  if (PQresultStatus(flushed.get()) != PGRES_TUPLES_OK) {
+    KAVO_LOG("Failed to exec [%s] (%s)", flush, errorText(flushed.get(), connection.connection).c_str());
+  }
+}
+
+void disconnect(DBConnect_tag* connection) {
+  PQfinish(connection->connection);
+  std::default_delete<DBConnect_tag>()(connection);
+}
+
+struct PersistentConnection {
+  std::string database;
+  DBConnect_tag* connection;
+};
+
+// Closed when the process exits.
+struct PersistentConnections {
+  PersistentConnections() = default;
+  PersistentConnections(const PersistentConnections&) = delete;
+  PersistentConnections& operator=(const PersistentConnections&) = delete;
+  ~PersistentConnections() {
+    for (const PersistentConnection& kept : list) {
+      KAVODBClose(kept.connection);
+    }
+  }
+
+  std::vector<PersistentConnection> list;
+};
+
+void executeUnchecked(DBConnect_tag* connection, const char* statement) {
+  DBResult_tag* result = nullptr;
+  KAVODBExecute(connection, statement, &result);
+  KAVODBFreeResult(result);
+}
+
+void appendEscaped(std::string& escaped, std::string_view text) {
+  for (const char character : text) {
+    escaped.append(character == '\'' ? 2 : 1, character);
+  }
+}
+
+char* allocated(const std::string& text) { return strdup(text.c_str()); }
+
+}  // namespace
+
+DBConnect_tag* KAVODBConnect(const char* host, const char* user, const char* password, const char* database) {
+  // For an empty name libpq would take the user's name instead.
+  if (database == nullptr || *database == '\0') {
+    return nullptr;
+  }
+  const std::string options = startUpOptions();
+  // libpq takes a null value as one that is not set. Last, expansion is off: a database name is never read as a
+  // connection string.
+  const char* const keywords[] = {"host",    "user", "password", "dbname", "client_encoding", "application_name",
+                                  "options", nullptr};
+  const char* const values[] = {host, user, password, database, "UTF8", "kavophoto_backup", options.c_str(), nullptr};
+  auto connection = std::make_unique<DBConnect_tag>();
+  connection->connection = PQconnectdbParams(keywords, values, 0);
+  if (PQstatus(connection->connection) != CONNECTION_OK || !settleSession(connection->connection)) {
+    disconnect(connection.release());
+    return nullptr;
+  }
+  PQsetNoticeReceiver(connection->connection, ignoreNotice, nullptr);
+  return connection.release();
+}
+
+DBConnect_tag* KAVODBPConnect(const char* host, const char* user, const char* password, const char* database) {
+  static PersistentConnections connections;
+  for (const PersistentConnection& kept : connections.list) {
+    if (kept.database == database && KAVODBIsUsable(kept.connection)) {
+      return kept.connection;
+    }
+  }
+  DBConnect_tag* connection = KAVODBConnect(host, user, password, database);
+  if (connection != nullptr) {
+    connections.list.push_back({database, connection});
+  }
+  return connection;
+}
+
+void KAVODBClose(DBConnect_tag* connection) {
+  if (connection != nullptr) {
+    makeDurable(*connection);
+    disconnect(connection);
+  }
+}
+
+int KAVODBExecute(DBConnect_tag* connection, const char* statement, DBResult_tag** result) {
+  KAVODBFreeResult(*result);
+  *result = nullptr;
+  if (connection == nullptr) {
+    return -1;
+  }
+  connection->error.clear();
+  // The extended protocol carries one statement only, so no value that breaks out of its quotes can bring a second one
+  // along.
+  if (PQsendQueryParams(connection->connection, statement, 0, nullptr, nullptr, nullptr, nullptr, 0) != 1) {
+    connection->error = errorText(nullptr, connection->connection);
+    return -1;
+  }
+  PQsetSingleRowMode(connection->connection);
+  auto received = std::make_unique<DBResult_tag>();
+  if (!readReply(*connection, *received)) {
+    return -1;
+  }
+  *result = received.release();
+  return 0;
+}
+
+int KAVODBFetchRow(DBResult_tag* result, DBRow_tag** row) {
+  // The row lives in its result; its handle only says that there is one.
+  *row = result != nullptr && nextRow(result->rows) ? reinterpret_cast<DBRow_tag*>(result) : nullptr;
+  return *row != nullptr ? 0 : -1;
+}
+
+const char* KAVODBFetchField(DBResult_tag* result, DBRow_tag* row, const char* column) {
+  if (result == nullptr || row == nullptr) {
+    return "";
+  }
+  for (std::size_t at = 0; at < result->columns.size() && at < result->rows.fields.size(); ++at) {
+    if (result->columns[at] == column) {
+      return result->rows.fields[at];
+    }
+  }
+  return "";
+}
+
+long long KAVODBNumRows(DBResult_tag* result) { return result != nullptr ? result->rows.count : 0; }
+
+void KAVODBFreeResult(DBResult_tag* result) { std::default_delete<DBResult_tag>()(result); }
+
+const char* KAVODBErrorGet(DBConnect_tag* connection) {
+  return connection != nullptr ? connection->error.c_str() : "no connection";
+}
+
+char* KAVODBEscapeStrAlloc(const char* text) {
+  if (text == nullptr) {
+    return nullptr;
+  }
+  std::string escaped;
+  appendEscaped(escaped, text);
+  return allocated(escaped);
+}
+
+int KAVODBDatabaseTypeGet(DBConnect_tag* connection) { return connection != nullptr ? kPostgresql : 0; }
+
+char* KAVODBEscapeStringEX3(int type, const char* text, const char* value) {
+  if (type != kPostgresql || text == nullptr) {
+    return nullptr;
+  }
+  std::string_view rest = text;
+  std::string filled;
+  for (std::size_t at = rest.find(kPlaceholder); value != nullptr && at != std::string_view::npos;
+       at = rest.find(kPlaceholder)) {
+    filled.append(rest.substr(0, at));
+    appendEscaped(filled, value);
+    rest.remove_prefix(at + kPlaceholder.size());
+  }
+  return allocated(filled.append(rest));
+}
+
+void KAVODBTransBegin(DBConnect_tag* connection) { executeUnchecked(connection, "BEGIN"); }
+
+void KAVODBTransCommit(DBConnect_tag* connection) { executeUnchecked(connection, "COMMIT"); }
+
+bool KAVODBIsUsable(DBConnect_tag* connection) {
+  return connection != nullptr && PQstatus(connection->connection) == CONNECTION_OK &&
+         PQtransactionStatus(connection->connection) != PQTRANS_INERROR;
+}
+
+void KAVODBSpillDirectorySet(const char* directory) { setSpillDirectory(directory); }

@@ -1,0 +1,98 @@
+#include "platform/file_update.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <string_view>
+
+#include "platform/handles.h"
+
+namespace {
+
+bool writeAndFlush(int descriptor, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t length = write(descriptor, text.data(), text.size());
+    if (length < 0 && errno != EINTR) {
+      return false;
+    }
+    text.remove_prefix(length > 0 ? static_cast<std::size_t>(length) : 0);
+  }
+  return fsync(descriptor) == 0;
+}
+
+// A new file beside `path` with the owner and mode of `model`. One that a killed run left there is replaced.
+Descriptor makeBeside(const std::string& beside, const struct stat& model) {
+  unlink(beside.c_str());
+  Descriptor file(open(beside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (file && (fchown(file.get(), model.st_uid, model.st_gid) != 0 ||
+               fchmod(file.get(), model.st_mode & static_cast<mode_t>(07777)) != 0)) {
+    unlink(beside.c_str());
+    file.reset();
+  }
+  return file;
+}
+
+// The rename itself must reach the disk too.
+void flushDirectoryOf(const std::string& path) {
+  const Descriptor directory(open(path.substr(0, path.rfind('/') + 1).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (directory) {
+    fsync(directory.get());
+  }
+}
+
+FileUpdate replace(const std::string& path, const std::string& beside, int besideDescriptor, const std::string& text) {
+  if (!writeAndFlush(besideDescriptor, text) || rename(beside.c_str(), path.c_str()) != 0) {
+    const int error = errno;
+    unlink(beside.c_str());
+    errno = error;
+    return FileUpdate::kNotWritten;
+  }
+  flushDirectoryOf(path);
+  return FileUpdate::kWritten;
+}
+
+}  // namespace
+
+FileUpdate updateFile(const std::string& path, const std::string& text) {
+  // A rename would replace a link, not what it points to.
+  const AllocatedText resolved(realpath(path.c_str(), nullptr));
+  if (!resolved) {
+    return FileUpdate::kNotOpened;
+  }
+  const std::string target = resolved.get();
+  const Descriptor file(open(target.c_str(), O_WRONLY | O_CLOEXEC));
+  struct stat model = {};
+  if (!file || fstat(file.get(), &model) != 0) {
+    return FileUpdate::kNotOpened;
+  }
+  const std::string beside = target + ".tmp";
+  const Descriptor besideFile = makeBeside(beside, model);
+  if (besideFile) {
+    return replace(target, beside, besideFile.get(), text);
+  }
+  return ftruncate(file.get(), 0) == 0 && writeAndFlush(file.get(), text) ? FileUpdate::kWritten
+                                                                          : FileUpdate::kNotWritten;
+}
+
+bool readWholeFile(const std::string& path, std::string& text) {
+  const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file) {
+    return false;
+  }
+  text.clear();
+  std::array<char, 65536> piece = {};
+  for (;;) {
+    const ssize_t length = read(file.get(), piece.data(), piece.size());
+    if (length == 0) {
+      return true;
+    }
+    if (length < 0 && errno != EINTR) {
+      return false;
+    }
+    text.append(piece.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
+  }
+}

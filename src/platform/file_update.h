@@ -1,0 +1,14 @@
+#pragma once
+
+#include <string>
+
+enum class FileUpdate { kWritten, kNotOpened, kNotWritten };
+
+// Replaces the contents of the file at `path`, keeping its owner, group, mode and, where it is a link, the link. The
+// new text is written and flushed beside the file and then renamed over it, so that the file holds either text whole,
+// whatever happens; only where the directory does not allow that is it written in place. kNotOpened when the file may
+// not be written; kNotWritten with errno set when the writing failed. Nothing is logged.
+FileUpdate updateFile(const std::string& path, const std::string& text);
+
+// Reads the whole file; false with errno set when that fails.
+bool readWholeFile(const std::string& path, std::string& text);

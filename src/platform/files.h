@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+
+#include "platform/handles.h"
+
+// True when something exists at `path`; a symbolic link counts for what it points to.
+bool exists(const std::string& path);
+
+// Opens a text file that the tool writes: made when it is missing, and emptied. Null with errno set otherwise. A
+// symbolic link in its place is not followed, because the work directory may hold what an archive or another user put
+// there.
+File openToWrite(const std::string& path);
+
+// The same, but what the file holds stays and text is added at its end.
+File openToAppend(const std::string& path);
+
+// Closes a file that was written. False when a part of what was written did not reach it.
+bool closeWritten(File file);
+
+// Removes the file at `path` if there is one. A failure is logged as "Failed to remove %s (%s)" with the path and the
+// system's reason.
+void removeIfThere(const std::string& path);

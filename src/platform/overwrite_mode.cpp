@@ -1,0 +1,3 @@
+#include "platform/overwrite_mode.h"
+
+bool gIsOverwiroteMode = false;
