@@ -1,0 +1,61 @@
+#include "merge/common.h"
+
+#include <sys/stat.h>
+
+#include <cstdlib>
+
+#include "platform/overwrite_mode.h"
+#include "platform/text.h"
+
+Merged mergeRow(DBConnect_tag* destination, const std::string& lookUp, const std::string& remove,
+                const std::string& insert, int line) {
+  Result found;
+  if (!execute(destination, lookUp, found, line)) {
+    return Merged::kFailed;
+  }
+  if (hasRows(found)) {
+    if (!gIsOverwiroteMode) {
+      return Merged::kKept;
+    }
+    if (!execute(destination, remove, line)) {
+      return Merged::kFailed;
+    }
+  }
+  return execute(destination, insert, line) ? Merged::kInserted : Merged::kFailed;
+}
+
+bool fileExists(const std::string& path) {
+  struct stat status = {};
+  return stat(path.c_str(), &status) == 0;
+}
+
+int nextNumber(DBConnect_tag* connection, const char* statement, const char* column, int line) {
+  Result highest;
+  if (!execute(connection, statement, highest, line)) {
+    return 1;
+  }
+  // An empty table gives the empty text, which counts as 0.
+  const std::string number = fetchRow(highest) ? fieldText(highest, column, kNumberCapacity) : "";
+  return static_cast<int>(std::strtol(number.c_str(), nullptr, 10)) + 1;
+}
+
+Lookup findShare(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix, const std::string& sourceShare,
+                 std::size_t nameCapacity, std::string& number) {
+  Result share;
+  if (!execute(source, formatText("Select * from photo_share%s where shareid = %s", suffix, sourceShare.c_str()),
+               share)) {
+    return Lookup::kFailed;
+  }
+  if (!fetchRow(share)) {
+    return Lookup::kMissing;
+  }
+  const std::string name = escapeText(fieldText(share, "sharename", nameCapacity));
+  if (!execute(destination, formatText("Select * from photo_share where sharename = '%s'", name.c_str()), share)) {
+    return Lookup::kFailed;
+  }
+  if (!fetchRow(share)) {
+    return Lookup::kMissing;
+  }
+  number = fieldText(share, "shareid", kNumberCapacity);
+  return Lookup::kFound;
+}

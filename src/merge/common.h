@@ -1,0 +1,35 @@
+#pragma once
+
+#include <string>
+
+#include "platform/query.h"
+
+// What the merge routines share. Every failed statement is logged here, for the caller's line.
+
+// Sizes, in bytes with a terminator, of the buffers that column values are cut to.
+inline constexpr std::size_t kTextCapacity = 8192;
+inline constexpr std::size_t kNameCapacity = 1024;
+inline constexpr std::size_t kNumberCapacity = 32;
+
+// What became of a row; kFailed when one of its statements failed.
+enum class Merged { kFailed, kKept, kInserted };
+
+// Merges one row that is replaced as a whole: `insert` runs when `lookUp` finds no row; in overwrite mode `remove` and
+// then `insert` when it finds some; nothing otherwise.
+Merged mergeRow(DBConnect_tag* destination, const std::string& lookUp, const std::string& remove,
+                const std::string& insert, int line = __builtin_LINE());
+
+// True when something exists at `path` on the local file system.
+bool fileExists(const std::string& path);
+
+// One more than the number in `column` of the first row of `statement`, which asks for the highest; 1 when there is no
+// row or the statement fails, which is logged.
+int nextNumber(DBConnect_tag* connection, const char* statement, const char* column,
+               int line = __builtin_LINE());
+
+enum class Lookup { kFound, kMissing, kFailed };
+
+// Sets `number` to the destination's shareid of the share that has the number `sourceShare` in the source, found by its
+// name, which is cut to `nameCapacity` bytes. Missing when either side lacks it.
+Lookup findShare(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix, const std::string& sourceShare,
+                 std::size_t nameCapacity, std::string& number);

@@ -1,0 +1,119 @@
+#include "merge/common.h"
+#include "merge/merge.h"
+#include "platform/overwrite_mode.h"
+#include "platform/text.h"
+
+namespace {
+
+constexpr std::size_t kDateCapacity = 64;
+
+// A row of photo_user as it stands in the statements: escaped where its column is.
+struct User {
+  std::string name;
+  std::string description;
+  std::string password;
+  std::string disabled;
+  std::string lockPassword;
+  std::string admin;
+  std::string email;
+};
+
+User readUser(const Result& row) {
+  User user;
+  user.name = escapeText(fieldText(row, "username", kNameCapacity));
+  user.description = escapeText(fieldText(row, "description", kNameCapacity));
+  user.password = fieldText(row, "password", kNameCapacity);
+  user.disabled = fieldText(row, "disabled", kNumberCapacity);
+  user.lockPassword = fieldText(row, "lock_pass", kNumberCapacity);
+  user.admin = fieldText(row, "admin", kNumberCapacity);
+  user.email = fieldText(row, "email", kNameCapacity);
+  return user;
+}
+
+int nextUserNumber(DBConnect_tag* connection) {
+  return nextNumber(connection, "Select userid from photo_user order by userid desc limit 1", "userid");
+}
+
+bool insertUser(DBConnect_tag* destination, const User& user) {
+  return execute(destination, formatText("Insert into photo_user VALUES(%d, '%s', '%s', '%s', '%s', '%s', '%s', '%s')",
+                                         nextUserNumber(destination), user.name.c_str(), user.description.c_str(),
+                                         user.password.c_str(), user.disabled.c_str(), user.lockPassword.c_str(),
+                                         user.admin.c_str(), user.email.c_str()));
+}
+
+bool updateUser(DBConnect_tag* destination, const User& user) {
+  return execute(destination,
+                 formatText("UPDATE photo_user SET description = '%s', password = '%s', disabled = '%s', "
+                            "lock_pass = '%s', admin = '%s', email = '%s' where username = '%s'",
+                            user.description.c_str(), user.password.c_str(), user.disabled.c_str(),
+                            user.lockPassword.c_str(), user.admin.c_str(), user.email.c_str(), user.name.c_str()));
+}
+
+// Replaces the user's rows of one of the three rights tables, which are alike in everything but their name. A failed
+// statement ends the copy: the rights after it are missing then.
+void copyUserRights(DBConnect_tag* destination, DBConnect_tag* source, const char* table, const std::string& sourceUser,
+                    const std::string& destinationUser, const char* suffix) {
+  if (!execute(destination, formatText("Delete from %s where userid = %s", table, destinationUser.c_str()))) {
+    return;
+  }
+  Result rights;
+  if (!execute(source, formatText("Select * from %s%s where userid = %s", table, suffix, sourceUser.c_str()), rights)) {
+    return;
+  }
+  while (fetchRow(rights)) {
+    const std::string sourceShare = fieldText(rights, "shareid", kNumberCapacity);
+    const std::string createTime = fieldText(rights, "create_time", kDateCapacity);
+    std::string share;
+    const Lookup found = findShare(destination, source, suffix, sourceShare, kTextCapacity, share);
+    if (found == Lookup::kMissing) {
+      continue;
+    }
+    if (found == Lookup::kFailed ||
+        !execute(destination, formatText("Insert into %s Values (%s, %s, '%s')", table, destinationUser.c_str(),
+                                         share.c_str(), createTime.c_str()))) {
+      return;
+    }
+  }
+}
+
+bool mergeUser(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix, const Result& row) {
+  const std::string sourceUser = fieldText(row, "userid", kNumberCapacity);
+  const User user = readUser(row);
+  const std::string findUser = formatText("Select * from photo_user where username = '%s'", user.name.c_str());
+  Result live;
+  if (!execute(destination, findUser, live)) {
+    return false;
+  }
+  if (hasRows(live) && !gIsOverwiroteMode) {
+    return true;
+  }
+  if (!(hasRows(live) ? updateUser(destination, user) : insertUser(destination, user))) {
+    return false;
+  }
+
+  if (!execute(destination, findUser, live)) {
+    return false;
+  }
+  if (fetchRow(live)) {
+    const std::string destinationUser = fieldText(live, "userid", kNumberCapacity);
+    copyUserRights(destination, source, "photo_access_right", sourceUser, destinationUser, suffix);
+    copyUserRights(destination, source, "photo_upload_right", sourceUser, destinationUser, suffix);
+    copyUserRights(destination, source, "photo_manage_right", sourceUser, destinationUser, suffix);
+  }
+  return true;
+}
+
+}  // namespace
+
+int KavophotoSyncUser(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix) {
+  Result users;
+  if (!execute(source, formatText("Select * from photo_user%s", suffix), users)) {
+    return -1;
+  }
+  while (fetchRow(users)) {
+    if (!mergeUser(destination, source, suffix, users)) {
+      return -1;
+    }
+  }
+  return 0;
+}
