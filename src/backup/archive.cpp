@@ -1,0 +1,244 @@
+#include "backup/archive.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <ctime>
+#include <string_view>
+
+#include "backup/archive_check.h"
+#include "backup/backup_time.h"
+#include "backup/host_accounts.h"
+#include "platform/files.h"
+#include "platform/handles.h"
+#include "platform/key_value_file.h"
+#include "platform/log.h"
+#include "platform/process_runner.h"
+#include "platform/query.h"
+#include "platform/text.h"
+#include "restore/staging.h"
+
+namespace {
+
+constexpr std::size_t kVersionCapacity = 1024;
+
+void dropInterruptedRestore(std::span<const char* const> tables) {
+  const Connection connection = connectTo("photo");
+  if (connection) {
+    dropLeftoverTables(connection.get(), tables);
+  }
+}
+
+void stageTables(std::span<const char* const> tables) {
+  for (const char* table : tables) {
+    KavophotoTableRename(table);
+  }
+}
+
+bool dumpStagedTables(const std::string& dir, std::span<const char* const> tables) {
+  KAVOUtils::ProcessRunner dump("/usr/bin/pg_dump", "/usr/bin/pg_dump", "-U", "postgres", "-F", "c", "-d", "photo");
+  for (const char* table : tables) {
+    dump.addArguments("-t", formatText("%s_bak", table).c_str());
+  }
+  dump.addArguments("-f", joinPath(dir, "kavophoto_backup.dump").c_str());
+  if (dump.run(true, false) < 0) {
+    KAVO_LOG("KavophotoDumpDB failed when dumping database.\n");
+    return false;
+  }
+  return true;
+}
+
+bool readVersion(const char* path, const char* key, std::string& version) {
+  if (KLIBCFileGetKeyValue(path, key, version, kVersionCapacity) < 0) {
+    KAVO_LOG("KavophotoDumpDB failed when KLIBCFileGetKeyValue.\n");
+    return false;
+  }
+  return true;
+}
+
+bool writeBackupTime(const std::string& dir) {
+  const std::time_t now = std::time(nullptr);
+  std::tm local = {};
+  localtime_r(&now, &local);
+  std::string version;
+  std::string photoVersion;
+  if (!readVersion("/etc.defaults/VERSION", "buildnumber", version) ||
+      !readVersion("/var/packages/Lumora/INFO", "version", photoVersion)) {
+    return false;
+  }
+  const std::string path = joinPath(dir, "kavophoto_backup_time.txt");
+  File file = openToWrite(path);
+  if (!file) {
+    KAVO_LOG("KavophotoDumpDB failed to open %s.\n", path.c_str());
+    return false;
+  }
+  std::fputs(backupTimeText(local, version, photoVersion).c_str(), file.get());
+  if (!closeWritten(std::move(file))) {
+    KAVO_LOG("KavophotoDumpDB failed to write %s.\n", path.c_str());
+    return false;
+  }
+  return true;
+}
+
+bool writeHostAccounts(const std::string& dir) {
+  if (KavophotoDumpHoxUserOnDB(dir.c_str(), "photo_access_right_for_hox_account", "_bak") < 0) {
+    KAVO_LOG("KavophotoDumpHoxUserOnDB failed when photo_access_right_for_hox_account.\n");
+    return false;
+  }
+  if (KavophotoDumpHoxUserOnDB(dir.c_str(), "photo_upload_right_for_hox_account", "_bak") < 0) {
+    KAVO_LOG("KavophotoDumpHoxUserOnDB failed when photo_upload_right_for_hox_account.\n");
+    return false;
+  }
+  if (KavophotoDumpHoxUserOnDB(dir.c_str(), "photo_manage_right_for_hox_account", "_bak") < 0) {
+    KAVO_LOG("KavophotoDumpHoxUserOnDB failed when photo_manage_right_for_hox_account.\n");
+    return false;
+  }
+  if (KavophotoDumpHoxGroupOnDB(dir.c_str(), "photo_group_permission_for_hox_account", "_bak") < 0) {
+    KAVO_LOG("KavophotoDumpHoxUserOnDB failed when photo_group_permission_for_hox_account.\n");
+    return false;
+  }
+  return true;
+}
+
+bool copyThemes(const std::string& dir) {
+  if (KavophotoCopyThemeDir(dir.c_str()) < 0) {
+    KAVO_LOG("KavophotoDumpHoxUserOnDB failed when KavophotoCopyThemeDir.\n");
+    return false;
+  }
+  return true;
+}
+
+bool copySettings(const std::string& dir) {
+  KAVOUtils::ProcessRunner copy("/bin/cp", "/bin/cp", "/var/packages/Lumora/etc/settings.conf",
+                                joinPath(dir, "settings.conf.bak").c_str());
+  if (copy.run(true, false) < 0) {
+    KAVO_LOG("Copy /var/packages/Lumora/etc/settings failed.\n");
+    return false;
+  }
+  return true;
+}
+
+bool changeDirectory(const char* directory) {
+  if (chdir(directory) != 0) {
+    KAVO_LOG("change directory to %s failed.", directory);
+    return false;
+  }
+  return true;
+}
+
+bool packMembers(const std::string& dir) {
+  const std::string archive = joinPath(dir, "kavophoto.backup");
+  KAVOUtils::ProcessRunner tar("/bin/tar", "/bin/tar", "-zcvf", archive.c_str(), "kavophoto_backup.dump",
+                               "kavophoto_backup_time.txt", "kavophoto_backup_hox_account.txt",
+                               "kavophoto_backup_hox_group_account.txt", "theme_bak", "settings.conf.bak");
+  tar.addArguments("-C", dir.c_str());
+  // GNU tar since 1.29 ends with an error after a whole archive, because the directory stands behind the members. Only
+  // the archive itself tells that from a real failure; compared with the members, because it may also be an older one
+  // that this tar did not get to replace.
+  if (tar.run(true, false) < 0 && !archiveIsWhole(archive, dir)) {
+    KAVO_LOG("KavophotoDumpDB failed when tar files.\n");
+    return false;
+  }
+  return true;
+}
+
+int makeArchive(const std::string& dir, std::span<const char* const> tables) {
+  std::array<char, kPathCapacity> start = {};
+  if (getcwd(start.data(), start.size()) == nullptr) {
+    KAVO_LOG("KavophotoDumpDB failed to getcwd, backup process is terminated");
+    return -1;
+  }
+  const bool made = dumpStagedTables(dir, tables) && writeBackupTime(dir) && writeHostAccounts(dir) &&
+                    copyThemes(dir) && copySettings(dir) && changeDirectory(dir.c_str()) && packMembers(dir) &&
+                    changeDirectory(start.data());
+  return made ? 0 : -1;
+}
+
+void unstageTables(std::span<const char* const> tables) {
+  for (const char* table : tables) {
+    KavophotoTableRenameBack(table);
+  }
+}
+
+void removeSettingsCopy(const std::string& dir) {
+  const std::string copy = joinPath(dir, "settings.conf.bak");
+  if (!exists(copy)) {
+    return;
+  }
+  KAVOUtils::ProcessRunner remove("/bin/rm", "/bin/rm", "-f", copy.c_str());
+  if (remove.run(true, false) < 0) {
+    KAVO_LOG("KavophotoDumpDB failed when rm settings.conf.bak\n");
+  }
+}
+
+void removeMembers(const std::string& dir) {
+  removeIfThere(joinPath(dir, "kavophoto_backup_time.txt"));
+  removeIfThere(joinPath(dir, "kavophoto_backup.dump"));
+  removeIfThere(joinPath(dir, "kavophoto_backup_hox_account.txt"));
+  removeIfThere(joinPath(dir, "kavophoto_backup_hox_group_account.txt"));
+  removeThemeCopy(dir);
+  removeSettingsCopy(dir);
+}
+
+bool isPlainFile(const dirent& entry, const std::string& path) {
+  const std::string_view name = entry.d_name;
+  if (name == "." || name == "..") {
+    return false;
+  }
+  if (entry.d_type != DT_UNKNOWN) {
+    return entry.d_type != DT_DIR;
+  }
+  // Not every file system tells the type in the listing.
+  struct stat status = {};
+  return lstat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode);
+}
+
+}  // namespace
+
+int KavophotoDumpDB(const char* dir, std::span<const char* const> tables) {
+  dropInterruptedRestore(tables);
+  stageTables(tables);
+  const int result = makeArchive(dir, tables);
+  unstageTables(tables);
+  removeMembers(dir);
+  return result;
+}
+
+int KavophotoCopyThemeDir(const char* dir) {
+  const std::string live = "/var/packages/Lumora/etc/blog/";
+  const std::string copies = joinPath(dir, "theme_bak");
+  const Directory themes(opendir(live.c_str()));
+  if (!themes) {
+    KAVO_LOG("KavophotoCopyThemeDir : Fail to open theme dir.\n");
+    return -1;
+  }
+  removeThemeCopy(dir);
+  constexpr mode_t kMode = 0777;
+  if (mkdir(copies.c_str(), kMode) != 0) {
+    KAVO_LOG("KavophotoCopyThemeDir : Fail to create theme_bak dir.\n");
+    return -1;
+  }
+  while (const dirent* entry = readdir(themes.get())) {
+    const std::string theme = joinPath(live, entry->d_name);
+    if (!isPlainFile(*entry, theme)) {
+      continue;
+    }
+    KAVOUtils::ProcessRunner copy("/bin/cp", "/bin/cp", "-pf", theme.c_str(), copies.c_str());
+    if (copy.run(true, false) < 0) {
+      KAVO_LOG("KavophotoCopyThemeDir: failed to copy %s.\n", entry->d_name);
+    }
+  }
+  return 0;
+}
+
+void removeThemeCopy(const std::string& dir) {
+  const std::string copies = joinPath(dir, "theme_bak");
+  if (!exists(copies)) {
+    return;
+  }
+  KAVOUtils::ProcessRunner remove("/bin/rm", "/bin/rm", "-rf", copies.c_str());
+  if (remove.run(true, false) < 0) {
+    KAVO_LOG("KavophotoDumpDB failed when rm theme_bak.\n");
+  }
+}
