@@ -1,0 +1,236 @@
+#include "restore/restore.h"
+
+#include <strings.h>
+
+#include <array>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "backup/archive.h"
+#include "backup/host_accounts.h"
+#include "platform/files.h"
+#include "platform/key_value_file.h"
+#include "platform/log.h"
+#include "platform/overwrite_mode.h"
+#include "platform/process_runner.h"
+#include "platform/query.h"
+#include "platform/text.h"
+#include "restore/settings.h"
+#include "restore/staged_indexes.h"
+#include "restore/staging.h"
+#include "restore/theme.h"
+#include "restore/toc.h"
+#include "smart/smart_albums.h"
+
+namespace {
+
+constexpr std::size_t kVersionCapacity = 1024;
+
+bool unpackArchive(const std::string& dir) {
+  const std::string archive = joinPath(dir, "kavophoto.backup");
+  if (!exists(archive)) {
+    KAVO_LOG("KavophotoRestoreDB failed: no backup file %s.\n", archive.c_str());
+    return false;
+  }
+  KAVOUtils::ProcessRunner tar("/bin/tar", "/bin/tar", "-zxvf", archive.c_str(), "-C", dir.c_str());
+  if (tar.run(true, false) < 0) {
+    KAVO_LOG("KavophotoRestoreDB failed when un-tar file.\n");
+    return false;
+  }
+  return true;
+}
+
+bool listTables(const std::string& dir) {
+  if (!exists(joinPath(dir, "kavophoto_backup.dump"))) {
+    KAVO_LOG("KavophotoRestoreDB failed: no dump file.\n");
+    return false;
+  }
+  if (makeTocFile(dir) < 0) {
+    KAVO_LOG("KavophotoRestoreDB failed when get TOC entries list.\n");
+    return false;
+  }
+  return true;
+}
+
+bool loadStagedTables(const std::string& dir) {
+  KAVOUtils::ProcessRunner load("/usr/bin/pg_restore", "/usr/bin/pg_restore", "-U", "postgres", "-d", "photo", "-L",
+                                joinPath(dir, "toc_file").c_str(), joinPath(dir, "kavophoto_backup.dump").c_str());
+  if (load.run(true, false) < 0) {
+    KAVO_LOG("KavophotoRestoreDB failed when restore dump file.\n");
+    return false;
+  }
+  return true;
+}
+
+struct PathColumn {
+  const char* table;
+  const char* column;
+  // Without its paths repaired such a table cannot be merged; the others only lose those rows.
+  bool isEssential;
+};
+
+constexpr std::array<PathColumn, 4> kPathColumns = {{
+    {"photo_image_bak", "path", true},
+    {"video_comment_bak", "path", true},
+    {"video_desc_bak", "path", true},
+    {"photo_video_label_bak", "video_path", false},
+}};
+
+bool repairPaths(DBConnect_tag* connection, const RestoreTables& tables) {
+  for (const PathColumn& path : kPathColumns) {
+    addDBPrimaryKey(path.table, "id");
+    if (tables.checkPath(connection, "photo", path.table, path.column, "id") < 0) {
+      KAVO_LOG("KavophotoCheckPath failed.");
+      if (path.isEssential) {
+        return false;
+      }
+    }
+  }
+  return true;
+}
+
+bool isTable(const char* name, const char* table) { return strcasecmp(name, table) == 0; }
+
+void runMergeRoutines(DBConnect_tag* connection, std::span<const MergeEntry> routines, const std::string& table) {
+  for (const MergeEntry& entry : routines) {
+    if (*entry.table == '\0') {
+      return;
+    }
+    if (table == entry.table && entry.routine(connection, connection, "_bak") < 0) {
+      KAVO_LOG("Table %s sync failed.\n", table.c_str());
+    }
+  }
+}
+
+void mergeHostAccountRights(DBConnect_tag* connection, const std::string& dir, const char* table) {
+  const bool isRightsTable = isTable(table, "photo_access_right_for_hox_account") ||
+                             isTable(table, "photo_upload_right_for_hox_account") ||
+                             isTable(table, "photo_manage_right_for_hox_account");
+  if (isRightsTable && KavophotoSyncHoxUserRights(connection, connection, dir.c_str(), table, "_bak") < 0) {
+    KAVO_LOG("Table photo_access_right_for_hox_account sync failed.\n");
+  }
+}
+
+void mergeHostAccountPermissions(DBConnect_tag* connection, const std::string& dir, const char* table) {
+  if (isTable(table, "photo_group_permission_for_hox_account") &&
+      KavophotoSyncHoxGroupPermission(connection, connection, dir.c_str(), "_bak") < 0) {
+    KAVO_LOG("Table photo_group_permission_for_hox_account sync failed.\n");
+  }
+}
+
+void mergePersonalCollections(DBConnect_tag* connection, const char* table) {
+  const bool isCollectionTable = isTable(table, "photo_personal_collection") ||
+                                 isTable(table, "photo_personal_collection_for_hox_account") ||
+                                 isTable(table, "photo_personal_collection_for_admin");
+  if (isCollectionTable && KavophotoSyncPersonalCollection(connection, connection, table, "_bak") < 0) {
+    KAVO_LOG("Table %s sync failed", table);
+  }
+}
+
+void mergeTables(DBConnect_tag* connection, const std::string& dir, const RestoreTables& tables) {
+  for (const char* table : tables.tables) {
+    runMergeRoutines(connection, tables.routines, table);
+    mergeHostAccountRights(connection, dir, table);
+    mergeHostAccountPermissions(connection, dir, table);
+    mergePersonalCollections(connection, table);
+  }
+}
+
+void restoreSettings(const std::string& dir) {
+  const std::string saved = joinPath(dir, "settings.conf.bak");
+  if (exists(saved) && KavophotoRestoreSetting(dir.c_str(), saved.c_str()) < 0) {
+    KAVO_LOG("Restore Setting Config Failed");
+  }
+}
+
+struct BuildNumbers {
+  std::string backup;
+  std::string system;
+};
+
+bool readBuildNumbers(const std::string& dir, BuildNumbers& builds) {
+  if (KLIBCFileGetKeyValue(joinPath(dir, "kavophoto_backup_time.txt").c_str(), "version", builds.backup,
+                           kVersionCapacity) < 0) {
+    KAVO_LOG("Fail to get version.\n");
+    return false;
+  }
+  if (KLIBCFileGetKeyValue("/etc.defaults/VERSION", "buildnumber", builds.system, kVersionCapacity) < 0) {
+    KAVO_LOG("KavophotoDumpDB failed when KLIBCFileGetKeyValue.\n");
+    return false;
+  }
+  return true;
+}
+
+void restoreThemes(const std::string& dir) {
+  if (KavophotoRestoreTheme(dir.c_str()) < 0) {
+    KAVO_LOG("KavophotoRestoreTheme failed.");
+  }
+}
+
+// Album covers are kept in another form since build 1803.
+bool convertCovers(const BuildNumbers& builds) {
+  constexpr int kDecimal = 10;
+  constexpr long kLastOldBuild = 1802;
+  const char* const script = "/var/packages/Lumora/target/photo_scripts/cover_convert.sh";
+  if (std::strtol(builds.backup.c_str(), nullptr, kDecimal) > kLastOldBuild ||
+      std::strtol(builds.system.c_str(), nullptr, kDecimal) <= kLastOldBuild || !exists(script)) {
+    return true;
+  }
+  KAVOUtils::ProcessRunner convert(script, script, "restore", gIsOverwiroteMode ? nullptr : "skip");
+  if (convert.run(true, false) < 0) {
+    KAVO_LOG("Failed when executing commend: %s.\n", convert.toString().c_str());
+    return false;
+  }
+  return true;
+}
+
+int restoreArchive(const std::string& dir, const RestoreTables& tables) {
+  if (!unpackArchive(dir) || !listTables(dir)) {
+    return -1;
+  }
+  const Connection connection = connectTo("photo");
+  if (!connection) {
+    KAVO_LOG("Failed to connect to database");
+    return -1;
+  }
+  const std::vector<std::string> spared = dropLeftoverTables(connection.get(), tables.tables);
+  if (!loadStagedTables(dir)) {
+    return -2;
+  }
+  indexStagedTables(connection.get(), tables.tables);
+  if (!repairPaths(connection.get(), tables)) {
+    dropStagedTables(connection.get(), tables.tables, spared);
+    return -1;
+  }
+  mergeTables(connection.get(), dir, tables);
+  restoreSettings(dir);
+  BuildNumbers builds;
+  if (!readBuildNumbers(dir, builds)) {
+    return -1;
+  }
+  restoreThemes(dir);
+  if (!convertCovers(builds)) {
+    return -1;
+  }
+  // Smart albums name shares and labels, members name collections and media, so both come after all tables.
+  KavophotoRemapSmartAlbums(connection.get(), connection.get(), "_bak");
+  KavophotoSyncPersonalCollectionItems(connection.get(), connection.get(), "_bak");
+  dropStagedTables(connection.get(), tables.tables, spared);
+  return 0;
+}
+
+void removeUnpackedFiles(const std::string& dir) {
+  removeIfThere(joinPath(dir, "toc_file"));
+  removeIfThere(joinPath(dir, "kavophoto_backup.dump"));
+  removeIfThere(joinPath(dir, "kavophoto_backup_time.txt"));
+  removeThemeCopy(dir);
+}
+
+}  // namespace
+
+int KavophotoRestoreDB(const char* dir, const RestoreTables& tables) {
+  const int result = restoreArchive(dir, tables);
+  removeUnpackedFiles(dir);
+  return result;
+}

@@ -1,0 +1,12 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+// The lines of a dump's table of contents that name tables or their rows, each ended by a newline: every line that
+// contains "TABLE".
+std::string tableEntries(std::string_view listing);
+
+// Writes the table entries of the dump "kavophoto_backup.dump" under the directory prefix `dir` to "toc_file" beside
+// it. 0, or -1 with the reason logged, when the file may hold a part of them.
+int makeTocFile(const std::string& dir);
