@@ -1,0 +1,103 @@
+#include "main/import.h"
+
+#include <strings.h>
+
+#include "backup/host_accounts.h"
+#include "main/path_check.h"
+#include "main/registry.h"
+#include "merge/merge.h"
+#include "platform/log.h"
+#include "platform/query.h"
+#include "smart/smart_albums.h"
+
+namespace {
+
+bool isTable(const char* name, const char* table) { return strcasecmp(name, table) == 0; }
+
+// The photo and video tables cannot be merged with foreign paths; the labels of videos only lose those links.
+bool repairPaths(DBConnect_tag* temporary, const char* database) {
+  if (KavophotoCheckPath(temporary, database, "photo_image", "path", "id") < 0) {
+    KAVO_LOG("KavophotoCheckPath import photo_image failed.");
+    return false;
+  }
+  if (KavophotoCheckPath(temporary, database, "video_comment", "path", "id") < 0) {
+    KAVO_LOG("KavophotoCheckPath import video_comment failed.");
+    return false;
+  }
+  if (KavophotoCheckPath(temporary, database, "video_desc", "path", "id") < 0) {
+    KAVO_LOG("KavophotoCheckPath import video_desc failed.");
+    return false;
+  }
+  if (KavophotoCheckPath(temporary, database, "photo_video_label", "video_path", "id") < 0) {
+    KAVO_LOG("KavophotoCheckPath import photo_video_label failed.");
+  }
+  return true;
+}
+
+void runMergeRoutines(DBConnect_tag* live, DBConnect_tag* temporary, const char* table) {
+  for (const MergeEntry* entry = kMergeRoutines.data(); *entry->table != '\0'; ++entry) {
+    if (isTable(entry->table, table) && entry->routine(live, temporary, "") < 0) {
+      KAVO_LOG("Table %s sync failed.\n", table);
+    }
+  }
+}
+
+void mergeHostAccountRights(DBConnect_tag* live, DBConnect_tag* temporary, const std::string& path, const char* table) {
+  const bool isRightsTable = isTable(table, "photo_access_right_for_hox_account") ||
+                             isTable(table, "photo_upload_right_for_hox_account") ||
+                             isTable(table, "photo_manage_right_for_hox_account");
+  if (isRightsTable && KavophotoSyncHoxUserRights(live, temporary, path.c_str(), table, "") < 0) {
+    KAVO_LOG("Table %s sync failed.", table);
+  }
+}
+
+void mergeHostAccountPermissions(DBConnect_tag* live, DBConnect_tag* temporary, const std::string& path,
+                                 const char* table) {
+  if (isTable(table, "photo_group_permission_for_hox_account") &&
+      KavophotoSyncHoxGroupPermission(live, temporary, path.c_str(), "") < 0) {
+    KAVO_LOG("Table photo_group_permission_for_hox_account sync failed.\n");
+  }
+}
+
+void mergePersonalCollections(DBConnect_tag* live, DBConnect_tag* temporary, const char* table) {
+  const bool isCollectionTable = isTable(table, "photo_personal_collection") ||
+                                 isTable(table, "photo_personal_collection_for_hox_account") ||
+                                 isTable(table, "photo_personal_collection_for_admin");
+  if (isCollectionTable && KavophotoSyncPersonalCollection(live, temporary, table, "") < 0) {
+    KAVO_LOG("Table %s sync failed", table);
+  }
+}
+
+void mergeTables(DBConnect_tag* live, DBConnect_tag* temporary, const std::string& path) {
+  for (const char* table : kTableList) {
+    runMergeRoutines(live, temporary, table);
+    mergeHostAccountRights(live, temporary, path, table);
+    mergeHostAccountPermissions(live, temporary, path, table);
+    mergePersonalCollections(live, temporary, table);
+  }
+}
+
+}  // namespace
+
+int importDatabase(const std::string& path, const std::string& temporaryDatabase) {
+  // Declared in this order so that the live connection is closed first.
+  Connection temporary;
+  const Connection live = connectTo("photo");
+  if (!live) {
+    KAVO_LOG("Failed to connect to database");
+    return -1;
+  }
+  temporary = connectTo(temporaryDatabase.c_str());
+  if (!temporary) {
+    KAVO_LOG("Failed to connect to database (%s)", temporaryDatabase.c_str());
+    return -1;
+  }
+  if (!repairPaths(temporary.get(), temporaryDatabase.c_str())) {
+    return -1;
+  }
+  mergeTables(live.get(), temporary.get(), path);
+  // Smart albums name shares and labels, members name collections and media, so both come after all tables.
+  KavophotoRemapSmartAlbums(live.get(), temporary.get(), "");
+  KavophotoSyncPersonalCollectionItems(live.get(), temporary.get(), "");
+  return 0;
+}
