@@ -24,8 +24,7 @@ bool fileExists(const std::string& path);
 
 // One more than the number in `column` of the first row of `statement`, which asks for the highest; 1 when there is no
 // row or the statement fails, which is logged.
-int nextNumber(DBConnect_tag* connection, const char* statement, const char* column,
-               int line = __builtin_LINE());
+int nextNumber(DBConnect_tag* connection, const char* statement, const char* column, int line = __builtin_LINE());
 
 enum class Lookup { kFound, kMissing, kFailed };
 

@@ -30,12 +30,10 @@ inline constexpr std::size_t kWhole = std::numeric_limits<std::size_t>::max();
 
 // Runs `statement` into `result`. On failure logs "Failed to exec [statement] (error text)" for the caller's line and
 // returns false; the result is then empty.
-bool execute(DBConnect_tag* connection, const std::string& statement, Result& result,
-             int line = __builtin_LINE());
+bool execute(DBConnect_tag* connection, const std::string& statement, Result& result, int line = __builtin_LINE());
 
 // The same for a statement whose rows nobody reads.
-bool execute(DBConnect_tag* connection, const std::string& statement,
-             int line = __builtin_LINE());
+bool execute(DBConnect_tag* connection, const std::string& statement, int line = __builtin_LINE());
 
 // Steps to the next row; false after the last.
 bool fetchRow(Result& result);
