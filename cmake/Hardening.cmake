@@ -2,6 +2,10 @@ function(kavophoto_hardening target)
   set_target_properties(${target} PROPERTIES POSITION_INDEPENDENT_CODE ON)
   target_compile_options(${target} PRIVATE -fstack-protector-strong)
   target_link_options(${target} PRIVATE -Wl,-z,relro,-z,now)
+  if(KAVOPHOTO_FUZZ)
+    # Lets the fuzzers see which paths an input takes.
+    target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link)
+  endif()
   if(KAVOPHOTO_SANITIZE)
     target_compile_options(${target} PRIVATE -fsanitize=address,undefined -fno-sanitize-recover=all
                                              -fno-omit-frame-pointer)

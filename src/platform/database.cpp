@@ -28,7 +28,6 @@ struct DBResult_tag {
 
 namespace {
 
-constexpr int kPostgresql = 1;
 constexpr std::string_view kPlaceholder = "@KAVO:VAR";
 
 struct PGResultClearer {
@@ -312,10 +311,10 @@ char* KAVODBEscapeStrAlloc(const char* text) {
   return allocated(escaped);
 }
 
-int KAVODBDatabaseTypeGet(DBConnect_tag* connection) { return connection != nullptr ? kPostgresql : 0; }
+int KAVODBDatabaseTypeGet(DBConnect_tag* connection) { return connection != nullptr ? kPostgresqlType : 0; }
 
 char* KAVODBEscapeStringEX3(int type, const char* text, const char* value) {
-  if (type != kPostgresql || text == nullptr) {
+  if (type != kPostgresqlType || text == nullptr) {
     return nullptr;
   }
   std::string_view rest = text;

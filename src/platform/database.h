@@ -50,6 +50,9 @@ const char* KAVODBErrorGet(DBConnect_tag* connection);
 // null.
 char* KAVODBEscapeStrAlloc(const char* text);
 
+// The type code of PostgreSQL servers, the only ones there are.
+inline constexpr int kPostgresqlType = 1;
+
 // The server type code of a connection; 0, which names no server, for null.
 int KAVODBDatabaseTypeGet(DBConnect_tag* connection);
 

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+// What every fuzzer exports.
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
+// The path of a file in memory, one for the whole process, that now holds these bytes.
+std::string scratchFile(const std::uint8_t* data, std::size_t size);
+
+// Ends the process with a message when a property does not hold, which is how a fuzzer reports.
+void require(bool holds, const char* property);
