@@ -14,11 +14,20 @@
 #include "platform/log.h"
 #include "platform/result_rows.h"
 
+namespace {
+
+constexpr long long kInsertsToFirstStatistics = 1000;
+
+}  // namespace
+
 struct DBConnect_tag {
   PGconn* connection = nullptr;
   std::string error;
   // Whether anything but plain reading has run, so that there may be something to make durable.
   bool wrote = false;
+  long long inserted = 0;
+  // At this many inserts the planner gets statistics again.
+  long long insertsToStatistics = kInsertsToFirstStatistics;
 };
 
 struct DBResult_tag {
@@ -76,22 +85,31 @@ void spinForReply(PGconn* connection) {
   if (!spins) {
     return;
   }
-  constexpr auto kLongest = std::chrono::microseconds(50);
+  constexpr auto kLongest = std::chrono::microseconds(100);
   const auto start = std::chrono::steady_clock::now();
   while (PQisBusy(connection) != 0 && PQconsumeInput(connection) == 1 &&
          std::chrono::steady_clock::now() - start < kLongest) {
   }
 }
 
+// The library breaks its own remarks, on a lost connection say, into several lines.
+std::string onOneLine(const std::string& text) {
+  std::string line;
+  for (const char character : text) {
+    if (character == '\n') {
+      line += "  ";
+    } else if (character != '\t') {
+      line += character;
+    }
+  }
+  return line.erase(line.find_last_not_of(' ') + 1);
+}
+
 // One line of what the server said. The statement is left out: whoever logs the error logs that too.
 std::string errorText(const PGresult* result, PGconn* connection) {
   const char* primary = PQresultErrorField(result, PG_DIAG_MESSAGE_PRIMARY);
   if (primary == nullptr) {
-    std::string text = PQerrorMessage(connection);
-    while (!text.empty() && text.back() == '\n') {
-      text.pop_back();
-    }
-    return text;
+    return onOneLine(PQerrorMessage(connection));
   }
   const char* severity = PQresultErrorField(result, PG_DIAG_SEVERITY);
   std::string text = std::string(severity != nullptr ? severity : "ERROR") + ":  " + primary;
@@ -124,6 +142,16 @@ void readRows(const PGresult* reply, DBResult_tag& result, std::vector<std::stri
   }
 }
 
+// A failed command has no status, and costs at most one flush too many.
+void noteCommand(DBConnect_tag& connection, const std::string_view status) {
+  if (status.substr(0, 6) == "INSERT") {
+    ++connection.inserted;
+  }
+  if (status.substr(0, 6) != "SELECT") {
+    connection.wrote = true;
+  }
+}
+
 // Reads the reply to its end, also after an error, so that the connection is free for the next statement.
 bool readReply(DBConnect_tag& connection, DBResult_tag& result) {
   bool succeeded = true;
@@ -148,13 +176,22 @@ bool readReply(DBConnect_tag& connection, DBResult_tag& result) {
         succeeded = false;
         break;
     }
-    if (std::strncmp(PQcmdStatus(reply.get()), "SELECT", 6) != 0) {
-      connection.wrote = true;
-    }
+    noteCommand(connection, PQcmdStatus(reply.get()));
   }
 }
 
-// A failed reply has no command status either, and costs at most one flush too many.
+// A table that has grown from nothing is looked up in without the planner knowing, and what it then reads for one row
+// grows with the table. Each time four times as many rows have come in, it is told. Tables that anybody holds a lock on
+// are left out, and where it cannot be done only speed is lost.
+void refreshStatistics(DBConnect_tag& connection) {
+  if (connection.inserted < connection.insertsToStatistics ||
+      PQtransactionStatus(connection.connection) != PQTRANS_IDLE) {
+    return;
+  }
+  connection.insertsToStatistics *= 4;
+  const PGResultHandle analysed(PQexec(connection.connection, "ANALYZE (SKIP_LOCKED)"));
+}
+
 void makeDurable(DBConnect_tag& connection) {
   if (!connection.wrote || PQstatus(connection.connection) != CONNECTION_OK) {
     return;
@@ -273,6 +310,7 @@ int KAVODBExecute(DBConnect_tag* connection, const char* statement, DBResult_tag
     return -1;
   }
   *result = received.release();
+  refreshStatistics(*connection);
   return 0;
 }
 
