@@ -24,6 +24,19 @@ bool writeAndFlush(int descriptor, std::string_view text) {
   return fsync(descriptor) == 0;
 }
 
+// Nothing of the old text is written over before there is room for the whole new one.
+bool writeInPlace(int descriptor, const struct stat& model, std::string_view text) {
+  const auto size = static_cast<off_t>(text.size());
+  const int error = size > model.st_size ? posix_fallocate(descriptor, 0, size) : 0;
+  if (error != 0) {
+    // What was reserved so far has made the file longer.
+    const bool isAsBefore = ftruncate(descriptor, model.st_size) == 0;
+    errno = isAsBefore ? error : errno;
+    return false;
+  }
+  return writeAndFlush(descriptor, text) && ftruncate(descriptor, size) == 0 && fsync(descriptor) == 0;
+}
+
 // A new file beside `path` with the owner and mode of `model`. One that a killed run left there is replaced.
 Descriptor makeBeside(const std::string& beside, const struct stat& model) {
   unlink(beside.c_str());
@@ -74,13 +87,18 @@ FileUpdate updateFile(const std::string& path, const std::string& text) {
   if (besideFile) {
     return replace(target, beside, besideFile.get(), text);
   }
-  return ftruncate(file.get(), 0) == 0 && writeAndFlush(file.get(), text) ? FileUpdate::kWritten
-                                                                          : FileUpdate::kNotWritten;
+  return writeInPlace(file.get(), model, text) ? FileUpdate::kWritten : FileUpdate::kNotWritten;
 }
 
 bool readWholeFile(const std::string& path, std::string& text) {
-  const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!file) {
+  // Opening a pipe would wait for a writer.
+  const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  struct stat status = {};
+  if (!file || fstat(file.get(), &status) != 0) {
+    return false;
+  }
+  if (!S_ISREG(status.st_mode)) {
+    errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
     return false;
   }
   text.clear();

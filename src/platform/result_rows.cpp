@@ -70,6 +70,7 @@ bool readAt(int descriptor, char* text, std::size_t size, std::uint64_t offset) 
       continue;
     }
     if (length <= 0) {
+      errno = length < 0 ? errno : EIO;
       return false;
     }
     text += length;
