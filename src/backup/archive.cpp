@@ -15,6 +15,7 @@
 #include "platform/key_value_file.h"
 #include "platform/log.h"
 #include "platform/process_runner.h"
+#include "platform/progress.h"
 #include "platform/query.h"
 #include "platform/text.h"
 #include "restore/staging.h"
@@ -31,12 +32,16 @@ void dropInterruptedRestore(std::span<const char* const> tables) {
 }
 
 void stageTables(std::span<const char* const> tables) {
+  progressPhase("staging");
+  std::size_t place = 0;
   for (const char* table : tables) {
+    progressTable(table, ++place, tables.size());
     KavophotoTableRename(table);
   }
 }
 
 bool dumpStagedTables(const std::string& dir, std::span<const char* const> tables) {
+  progressPhase("dumping");
   KAVOUtils::ProcessRunner dump("/usr/bin/pg_dump", "/usr/bin/pg_dump", "-U", "postgres", "-F", "c", "-d", "photo");
   for (const char* table : tables) {
     dump.addArguments("-t", formatText("%s_bak", table).c_str());
@@ -128,6 +133,7 @@ bool changeDirectory(const char* directory) {
 }
 
 bool packMembers(const std::string& dir) {
+  progressPhase("packing");
   const std::string archive = joinPath(dir, "kavophoto.backup");
   KAVOUtils::ProcessRunner tar("/bin/tar", "/bin/tar", "-zcvf", archive.c_str(), "kavophoto_backup.dump",
                                "kavophoto_backup_time.txt", "kavophoto_backup_hox_account.txt",
@@ -156,7 +162,10 @@ int makeArchive(const std::string& dir, std::span<const char* const> tables) {
 }
 
 void unstageTables(std::span<const char* const> tables) {
+  progressPhase("renaming back");
+  std::size_t place = 0;
   for (const char* table : tables) {
+    progressTable(table, ++place, tables.size());
     KavophotoTableRenameBack(table);
   }
 }

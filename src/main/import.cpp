@@ -7,6 +7,7 @@
 #include "main/registry.h"
 #include "merge/merge.h"
 #include "platform/log.h"
+#include "platform/progress.h"
 #include "platform/query.h"
 #include "smart/smart_albums.h"
 
@@ -16,6 +17,7 @@ bool isTable(const char* name, const char* table) { return strcasecmp(name, tabl
 
 // The photo and video tables cannot be merged with foreign paths; the labels of videos only lose those links.
 bool repairPaths(DBConnect_tag* temporary, const char* database) {
+  progressPhase("repairing paths");
   if (KavophotoCheckPath(temporary, database, "photo_image", "path", "id") < 0) {
     KAVO_LOG("KavophotoCheckPath import photo_image failed.");
     return false;
@@ -69,7 +71,10 @@ void mergePersonalCollections(DBConnect_tag* live, DBConnect_tag* temporary, con
 }
 
 void mergeTables(DBConnect_tag* live, DBConnect_tag* temporary, const std::string& path) {
+  progressPhase("merging");
+  std::size_t place = 0;
   for (const char* table : kTableList) {
+    progressTable(table, ++place, kTableList.size());
     runMergeRoutines(live, temporary, table);
     mergeHostAccountRights(live, temporary, path, table);
     mergeHostAccountPermissions(live, temporary, path, table);
@@ -97,7 +102,9 @@ int importDatabase(const std::string& path, const std::string& temporaryDatabase
   }
   mergeTables(live.get(), temporary.get(), path);
   // Smart albums name shares and labels, members name collections and media, so both come after all tables.
+  progressPhase("merging smart albums");
   KavophotoRemapSmartAlbums(live.get(), temporary.get(), "");
+  progressPhase("merging members of collections");
   KavophotoSyncPersonalCollectionItems(live.get(), temporary.get(), "");
   return 0;
 }

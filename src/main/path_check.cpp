@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "platform/log.h"
+#include "platform/progress.h"
 #include "platform/query.h"
 #include "platform/share.h"
 #include "platform/text.h"
@@ -37,6 +38,7 @@ int KavophotoCheckPath(DBConnect_tag* connection, const char* /*database*/, cons
     return -1;
   }
   const ShareHandle share(found);
+  progressTable(table);
   const std::string sharePath = cutText(share->path, kPathCapacity);
 
   Result rows;

@@ -2,6 +2,7 @@
 
 #include "platform/handles.h"
 #include "platform/log.h"
+#include "platform/progress.h"
 #include "platform/text.h"
 
 Connection connectTo(const char* database) { return Connection(KAVODBConnect(nullptr, "postgres", nullptr, database)); }
@@ -20,7 +21,14 @@ bool execute(DBConnect_tag* connection, const std::string& statement, int line) 
   return execute(connection, statement, result, line);
 }
 
-bool fetchRow(Result& result) { return KAVODBFetchRow(result.handle, &result.row) == 0; }
+bool fetchRow(Result& result) {
+  if (KAVODBFetchRow(result.handle, &result.row) != 0) {
+    progressRowsEnd(result.handle);
+    return false;
+  }
+  progressRow(result.handle, rowCount(result));
+  return true;
+}
 
 long long rowCount(const Result& result) { return KAVODBNumRows(result.handle); }
 

@@ -14,6 +14,7 @@
 #include "platform/log.h"
 #include "platform/overwrite_mode.h"
 #include "platform/process_runner.h"
+#include "platform/progress.h"
 #include "platform/query.h"
 #include "platform/text.h"
 #include "restore/settings.h"
@@ -33,6 +34,7 @@ bool unpackArchive(const std::string& dir) {
     KAVO_LOG("KavophotoRestoreDB failed: no backup file %s.\n", archive.c_str());
     return false;
   }
+  progressPhase("unpacking");
   KAVOUtils::ProcessRunner tar("/bin/tar", "/bin/tar", "-zxvf", archive.c_str(), "-C", dir.c_str());
   if (tar.run(true, false) < 0) {
     KAVO_LOG("KavophotoRestoreDB failed when un-tar file.\n");
@@ -54,6 +56,7 @@ bool listTables(const std::string& dir) {
 }
 
 bool loadStagedTables(const std::string& dir) {
+  progressPhase("loading");
   KAVOUtils::ProcessRunner load("/usr/bin/pg_restore", "/usr/bin/pg_restore", "-U", "postgres", "-d", "photo", "-L",
                                 joinPath(dir, "toc_file").c_str(), joinPath(dir, "kavophoto_backup.dump").c_str());
   if (load.run(true, false) < 0) {
@@ -78,6 +81,7 @@ constexpr std::array<PathColumn, 4> kPathColumns = {{
 }};
 
 bool repairPaths(DBConnect_tag* connection, const RestoreTables& tables) {
+  progressPhase("repairing paths");
   for (const PathColumn& path : kPathColumns) {
     addDBPrimaryKey(path.table, "id");
     if (tables.checkPath(connection, "photo", path.table, path.column, "id") < 0) {
@@ -129,7 +133,10 @@ void mergePersonalCollections(DBConnect_tag* connection, const char* table) {
 }
 
 void mergeTables(DBConnect_tag* connection, const std::string& dir, const RestoreTables& tables) {
+  progressPhase("merging");
+  std::size_t place = 0;
   for (const char* table : tables.tables) {
+    progressTable(table, ++place, tables.tables.size());
     runMergeRoutines(connection, tables.routines, table);
     mergeHostAccountRights(connection, dir, table);
     mergeHostAccountPermissions(connection, dir, table);
@@ -214,7 +221,9 @@ int restoreArchive(const std::string& dir, const RestoreTables& tables) {
     return -1;
   }
   // Smart albums name shares and labels, members name collections and media, so both come after all tables.
+  progressPhase("merging smart albums");
   KavophotoRemapSmartAlbums(connection.get(), connection.get(), "_bak");
+  progressPhase("merging members of collections");
   KavophotoSyncPersonalCollectionItems(connection.get(), connection.get(), "_bak");
   dropStagedTables(connection.get(), tables.tables, spared);
   return 0;
