@@ -1,0 +1,121 @@
+#include "main/single_instance.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+
+#include "support/tool_test.h"
+
+namespace {
+
+constexpr const char* kPidFile = "/tmp/kavophoto_backup.pid";
+constexpr const char* kRunning = "kavophoto_backup is already running.\n";
+
+class SingleInstance : public appliance::ToolTest {
+ protected:
+  static std::string endedProcess() {
+    const pid_t child = fork();
+    if (child == 0) _exit(0);
+    waitpid(child, nullptr, 0);
+    return std::to_string(child);
+  }
+  appliance::Outcome exportAccounts() { return run({"-e", appliance::workDirectory()}); }
+};
+
+TEST_F(SingleInstance, NamesItsOwnProcessInThePidFile) {
+  EXPECT_TRUE(takeSingleInstanceGuard());
+  EXPECT_EQ(appliance::readFile(kPidFile), std::to_string(getpid()));
+  EXPECT_FALSE(takeSingleInstanceGuard());
+  removePidFile();
+  EXPECT_FALSE(appliance::exists(kPidFile));
+  removePidFile();
+  expectNoMessages();
+}
+
+TEST_F(SingleInstance, HoldsThePidFileWhileItRuns) {
+  appliance::replaceProgram("/usr/bin/pg_dump",
+                            "[ \"$(cat /tmp/kavophoto_backup.pid)\" = $PPID ] && printf '%s' "
+                            "\"$(stat -c %a /tmp/kavophoto_backup.pid)\" > /tmp/mode; exec \"$REAL\" \"$@\"");
+  EXPECT_EQ(run({"-b", appliance::workDirectory()}).status, 0);
+  expectNoMessages();
+  EXPECT_EQ(appliance::readFile("/tmp/mode"), "644");
+  EXPECT_FALSE(appliance::exists(kPidFile));
+}
+
+TEST_F(SingleInstance, TurnsASecondRunAwayWhichRemovesThePidFile) {
+  appliance::replaceProgram(
+      "/usr/bin/pg_dump", "touch /tmp/dumping; while [ ! -e /tmp/go_on ]; do sleep 0.02; done; exec \"$REAL\" \"$@\"");
+  const pid_t first = appliance::startTool({"-b", appliance::workDirectory()});
+  while (!appliance::exists("/tmp/dumping")) usleep(5000);
+  EXPECT_EQ(appliance::readFile(kPidFile), std::to_string(first));
+  for (const std::vector<std::string>& arguments : {std::vector<std::string>{"-r", "/tmp/backup/"}}) {
+    const appliance::Outcome second = run(arguments);
+    EXPECT_EQ(second.status, 255);
+    EXPECT_EQ(second.out, "");
+  }
+  expectMessages({kRunning});
+  EXPECT_FALSE(appliance::exists(kPidFile));
+  // Tables under their staged names, as the first run has them now.
+  EXPECT_EQ(live().value("SELECT count(*) FROM pg_tables WHERE schemaname = 'public' AND tablename LIKE '%\\_bak'"),
+            "33");
+  appliance::writeFile("/tmp/go_on", "");
+  EXPECT_EQ(appliance::waitTool(first).status, 0);
+  expectNoMessages();
+  EXPECT_EQ(live().count("photo_image"), 0);
+}
+
+TEST_F(SingleInstance, ReplacesAPidFileThatNamesNoLivingProcess) {
+  for (const std::string& text : {endedProcess(), std::string(), std::string("0"), std::string("-1"),
+                                  std::string("text"), std::string("99999999999999999999")}) {
+    appliance::writeFile(kPidFile, text);
+    EXPECT_EQ(exportAccounts().status, 0) << text;
+    expectNoMessages();
+    EXPECT_FALSE(appliance::exists(kPidFile)) << text;
+  }
+}
+
+TEST_F(SingleInstance, BelievesAPidFileThatNamesALivingProcess) {
+  appliance::writeFile(kPidFile, std::to_string(getpid()) + "\n");
+  EXPECT_EQ(exportAccounts().status, 255);
+  expectMessages({kRunning});
+  EXPECT_FALSE(appliance::exists(kPidFile));
+  EXPECT_FALSE(appliance::exists("/tmp/backup/kavophoto_backup_hox_account.txt"));
+}
+
+TEST_F(SingleInstance, WritesThroughNoLink) {
+  leavePidFile();
+  ASSERT_EQ(symlink("/tmp/victim", kPidFile), 0);
+  EXPECT_EQ(exportAccounts().status, 0);
+  expectMessages({"Failed to open /tmp/kavophoto_backup.pid, errno=[17/File exists]\n"});
+  EXPECT_FALSE(appliance::exists("/tmp/victim"));
+  EXPECT_TRUE(appliance::exists("/tmp/backup/kavophoto_backup_hox_account.txt"));
+}
+
+TEST_F(SingleInstance, RemovesTheLinkAndNotWhatItLeadsTo) {
+  appliance::writeFile("/tmp/victim", "precious");
+  ASSERT_EQ(symlink("/tmp/victim", kPidFile), 0);
+  EXPECT_EQ(exportAccounts().status, 0);
+  expectNoMessages();
+  EXPECT_EQ(appliance::readFile("/tmp/victim"), "precious");
+  EXPECT_FALSE(appliance::exists(kPidFile));
+}
+
+TEST_F(SingleInstance, GoesOnBesideAFolderInThePlaceOfThePidFile) {
+  leavePidFile();
+  appliance::makeDirectories(kPidFile);
+  EXPECT_EQ(exportAccounts().status, 0);
+  expectMessages({"Failed to open /tmp/kavophoto_backup.pid, errno=[17/File exists]\n"});
+  EXPECT_TRUE(std::filesystem::is_directory(kPidFile));
+}
+
+TEST_F(SingleInstance, GoesOnWithoutAPidFileWhereNoneCanBeMade) {
+  appliance::makeDirectories("/var/export");
+  appliance::mountReadOnly("/tmp");
+  EXPECT_EQ(run({"-e", "/var/export/"}).status, 0);
+  expectMessages({"Failed to open /tmp/kavophoto_backup.pid, errno=[30/Read-only file system]\n"});
+  EXPECT_TRUE(appliance::exists("/var/export/kavophoto_backup_hox_account.txt"));
+}
+
+}  // namespace
