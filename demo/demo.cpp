@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "merge/named_rows.h"
+#include "support/named_rows.h"
 #include "support/appliance.h"
 #include "support/sample.h"
 

@@ -41,4 +41,4 @@ class MergeTest : public ToolTest, public ::testing::WithParamInterface<Mode> {
   INSTANTIATE_TEST_SUITE_P(                                                                                        \
       Modes, fixture,                                                                                              \
       ::testing::Values(appliance::Mode::Import, appliance::Mode::RestoreSkip, appliance::Mode::RestoreOverwrite), \
-      [](const ::testing::TestParamInfo<appliance::Mode>& info) { return appliance::modeName(info.param); })
+      [](const ::testing::TestParamInfo<appliance::Mode>& run) { return appliance::modeName(run.param); })

@@ -1,0 +1,161 @@
+#pragma once
+
+#include <algorithm>
+#include <functional>
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "platform/database.h"
+#include "platform/overwrite_mode.h"
+#include "platform/query.h"
+#include "support/tool_test.h"
+
+namespace appliance {
+
+// Sets the mode of the merge routines for a scope.
+class OverwriteMode {
+ public:
+  explicit OverwriteMode(bool overwrites) : before_(std::exchange(gIsOverwiroteMode, overwrites)) {}
+  OverwriteMode(const OverwriteMode&) = delete;
+  OverwriteMode& operator=(const OverwriteMode&) = delete;
+  ~OverwriteMode() { gIsOverwiroteMode = before_; }
+
+ private:
+  bool before_;
+};
+
+// Makes every statement that reads a row of `table` for which `condition` holds fail with kRefused. Rows that the
+// statement's own conditions leave out are not read. The table stays writable.
+inline void refuseReading(Database& database, const std::string& table, const std::string& condition) {
+  database.exec(
+      "CREATE OR REPLACE FUNCTION refused() RETURNS boolean LANGUAGE plpgsql AS $$BEGIN RAISE EXCEPTION "
+      "'refused'; END$$;"
+      "ALTER TABLE " +
+      table + " RENAME TO " + table + "_stored; CREATE VIEW " + table + " AS SELECT * FROM " + table +
+      "_stored WHERE CASE WHEN " + condition + " THEN refused() ELSE true END");
+}
+
+// Makes an `operation` ("INSERT", "UPDATE", "DELETE") on a row of `table` for which `condition` (over NEW or OLD) holds
+// fail with kRefused.
+inline void refuseWriting(Database& database, const std::string& table, const std::string& operation,
+                          const std::string& condition) {
+  database.exec(
+      "CREATE OR REPLACE FUNCTION refuse() RETURNS trigger LANGUAGE plpgsql AS $$BEGIN RAISE EXCEPTION "
+      "'refused'; END$$;"
+      "CREATE TRIGGER refuse_" +
+      operation + " BEFORE " + operation + " ON " + table + " FOR EACH ROW WHEN (" + condition +
+      ") EXECUTE FUNCTION refuse()");
+}
+
+// Makes an insert of such a row succeed without a row being written.
+inline void swallowInsert(Database& database, const std::string& table, const std::string& condition) {
+  database.exec(
+      "CREATE OR REPLACE FUNCTION swallow() RETURNS trigger LANGUAGE plpgsql AS $$BEGIN RETURN NULL; END$$;"
+      "CREATE TRIGGER swallow BEFORE INSERT ON " +
+      table + " FOR EACH ROW WHEN (" + condition + ") EXECUTE FUNCTION swallow()");
+}
+
+inline constexpr const char* kRefused = "ERROR:  refused";
+
+inline std::string noTable(const std::string& table) { return "ERROR:  relation \"" + table + "\" does not exist"; }
+
+struct Arrangement {
+  const char* name;
+  const char* suffix;
+  bool overwrites;
+};
+
+inline void PrintTo(const Arrangement& arrangement, std::ostream* stream) { *stream << arrangement.name; }
+
+// A test of one routine called in this process, with the live database and with the database "other", whose tables
+// have staged names in half of the arrangements. An import never skips, so that one is reached only here.
+class RoutineTest : public ToolTest, public ::testing::WithParamInterface<Arrangement> {
+ protected:
+  using Routine = std::function<int(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix)>;
+
+  Database& source() { return other(); }
+  bool overwrites() const { return GetParam().overwrites; }
+
+  // Calls the routine on two new connections. The tables of the source have their staged names only meanwhile.
+  int call(const Routine& routine) {
+    rename("", GetParam().suffix);
+    const OverwriteMode mode(overwrites());
+    const Connection destination = connectTo("photo");
+    const Connection from = connectTo("other");
+    const std::string destinationProcess = processOf(destination.get());
+    const std::string sourceProcess = processOf(from.get());
+    const std::size_t before = server::log().size();
+    const int result = routine(destination.get(), from.get(), GetParam().suffix);
+    readStatements(server::log().substr(before), destinationProcess, sourceProcess);
+    rename(GetParam().suffix, "");
+    return result;
+  }
+
+  // What the last call ran, in order, each as "live: " or "source: " and the statement; those that could not be
+  // analysed are missing. "{}" in the expected texts stands for the suffix.
+  void expectStatements(std::vector<std::string> expected) {
+    for (std::string& statement : expected) {
+      for (std::size_t at = statement.find("{}"); at != std::string::npos; at = statement.find("{}", at)) {
+        statement.replace(at, 2, GetParam().suffix);
+      }
+    }
+    checked();
+    EXPECT_THAT(statements_, ::testing::ElementsAreArray(expected));
+  }
+
+ private:
+  void rename(const std::string& from, const std::string& to) {
+    if (from == to) {
+      return;
+    }
+    std::string statements;
+    for (const auto& table : source().rows("SELECT tablename FROM pg_tables WHERE schemaname = 'public'")) {
+      const std::string name = table[0].substr(0, table[0].size() - from.size());
+      statements += "ALTER TABLE " + table[0] + " RENAME TO " + name + to + ";";
+    }
+    source().exec(statements);
+  }
+
+  static std::string processOf(DBConnect_tag* connection) {
+    execute(connection, "SET log_statement = 'all'");
+    Result process;
+    execute(connection, "SELECT pg_backend_pid() AS pid", process);
+    return fetchRow(process) ? fieldText(process, "pid") : "";
+  }
+
+  void readStatements(std::string_view log, const std::string& destination, const std::string& from) {
+    constexpr std::string_view kMark = " LOG:  execute <unnamed>: ";
+    statements_.clear();
+    while (!log.empty()) {
+      const std::string_view line = log.substr(0, log.find('\n'));
+      log.remove_prefix(std::min(log.size(), line.size() + 1));
+      const std::size_t mark = line.find(kMark);
+      if (mark == std::string_view::npos) {
+        continue;
+      }
+      const std::string statement(line.substr(mark + kMark.size()));
+      const std::string_view head = line.substr(0, mark);
+      if (head.ends_with("[" + destination + "]")) {
+        statements_.push_back("live: " + statement);
+      } else if (head.ends_with("[" + from + "]")) {
+        statements_.push_back("source: " + statement);
+      }
+    }
+  }
+
+  std::vector<std::string> statements_;
+};
+
+}  // namespace appliance
+
+#define APPLIANCE_ALL_ARRANGEMENTS(fixture)                                       \
+  INSTANTIATE_TEST_SUITE_P(                                                       \
+      Arrangements, fixture,                                                      \
+      ::testing::Values(appliance::Arrangement{"ImportSkip", "", false},          \
+                        appliance::Arrangement{"ImportOverwrite", "", true},      \
+                        appliance::Arrangement{"StagedSkip", "_bak", false},      \
+                        appliance::Arrangement{"StagedOverwrite", "_bak", true}), \
+      [](const ::testing::TestParamInfo<appliance::Arrangement>& tested) { return std::string(tested.param.name); })
