@@ -39,7 +39,7 @@ std::string unescaped(std::string_view text) {
   std::string plain;
   for (std::size_t at = 0; at < text.size(); ++at) {
     plain += text[at];
-    at += text.substr(at, 2) == "''" ? 1 : 0;
+    at += text.substr(at, 2) == "''" ? 1U : 0U;
   }
   return plain;
 }
