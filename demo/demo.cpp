@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "support/named_rows.h"
 #include "support/appliance.h"
+#include "support/named_rows.h"
 #include "support/sample.h"
 
 // Runs the tool's main job on a sample appliance and shows what a person wants to see of it. Rows are compared by

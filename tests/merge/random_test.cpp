@@ -5,8 +5,8 @@
 #include <set>
 #include <utility>
 
-#include "support/named_rows.h"
 #include "support/merge_test.h"
+#include "support/named_rows.h"
 
 namespace {
 

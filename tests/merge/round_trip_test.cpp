@@ -1,8 +1,8 @@
 #include <set>
 
-#include "support/named_rows.h"
 #include "merge/sample_rows.h"
 #include "support/merge_test.h"
+#include "support/named_rows.h"
 
 namespace {
 
