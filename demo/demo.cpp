@@ -110,7 +110,7 @@ std::vector<std::string> run(const std::vector<std::string>& arguments, int expe
   std::printf("  $ %s\n", command.c_str());
   std::fflush(stdout);
   const appliance::Outcome outcome = appliance::runTool(arguments);
-  const std::vector<std::string> messages = appliance::takeMessages();
+  std::vector<std::string> messages = appliance::takeMessages();
   showMessages(messages);
   check(outcome.status == expectedStatus, "it ended with status " + std::to_string(outcome.status));
   return messages;
@@ -249,7 +249,7 @@ void exportAccounts() {
 // The numbers in the smart albums' one rule on albums.
 std::string albumsOfRules() {
   const std::string text = appliance::readFile(kSmartAlbums);
-  const std::string mark = "\"value\" : \"";
+  const std::string mark = R"("value" : ")";
   const std::size_t start = text.find(mark, text.find("\"albums\"")) + mark.size();
   return text.substr(start, text.find('"', start) - start);
 }

@@ -142,9 +142,13 @@ inline const std::vector<Table>& tables() {
 
 // The longest beginning that fits a buffer of that many bytes and does not end within a character.
 inline std::string cut(const std::string& text, std::size_t capacity) {
-  if (capacity == 0 || text.size() < capacity) return text;
+  if (capacity == 0 || text.size() < capacity) {
+    return text;
+  }
   std::size_t length = capacity - 1;
-  while (length > 0 && (static_cast<unsigned char>(text[length]) & 0xC0U) == 0x80U) --length;
+  while (length > 0 && (static_cast<unsigned char>(text[length]) & 0xC0U) == 0x80U) {
+    --length;
+  }
   return text.substr(0, length);
 }
 
@@ -152,8 +156,12 @@ inline Rows rowsOf(appliance::Database& database, const Table& table, bool cutTo
   Rows rows = database.rows(table.sql);
   for (std::vector<std::string>& row : rows) {
     for (std::size_t column = 0; column < row.size(); ++column) {
-      if (row[column] == "(null)") row[column].clear();
-      if (cutToCapacity) row[column] = cut(row[column], table.capacity[column]);
+      if (row[column] == "(null)") {
+        row[column].clear();
+      }
+      if (cutToCapacity) {
+        row[column] = cut(row[column], table.capacity[column]);
+      }
     }
   }
   std::sort(rows.begin(), rows.end());
@@ -162,14 +170,18 @@ inline Rows rowsOf(appliance::Database& database, const Table& table, bool cutTo
 
 inline Tables rows(appliance::Database& database) {
   Tables all;
-  for (const Table& table : tables()) all[table.name] = rowsOf(database, table, false);
+  for (const Table& table : tables()) {
+    all[table.name] = rowsOf(database, table, false);
+  }
   return all;
 }
 
 // The rows with their values cut as a merge cuts them.
 inline Tables carriedRows(appliance::Database& database) {
   Tables all;
-  for (const Table& table : tables()) all[table.name] = rowsOf(database, table, true);
+  for (const Table& table : tables()) {
+    all[table.name] = rowsOf(database, table, true);
+  }
   return all;
 }
 
