@@ -9,6 +9,7 @@
 
 #include "platform/file_update.h"
 #include "platform/log.h"
+#include "smart/earlier_albums.h"
 #include "smart/translate.h"
 
 namespace {
@@ -186,6 +187,7 @@ int KavophotoRemapSmartAlbums(DBConnect_tag* destination, DBConnect_tag* source,
   if (!areUsable(destination, source)) {
     return -1;
   }
+  text = textBeforeKilledRun(text);
   const ListTranslator translate = [&](const std::string& ids, const std::string& field) -> std::optional<std::string> {
     std::string translated;
     if (KavophotoTranslateIdList(destination, source, ids, translated, suffix, field) < 0) {
@@ -198,6 +200,7 @@ int KavophotoRemapSmartAlbums(DBConnect_tag* destination, DBConnect_tag* source,
   if (!output || !areUsable(destination, source)) {
     return -1;
   }
+  keepTextBefore(text, *output);
   switch (updateFile(kConfigFile, *output)) {
     case FileUpdate::kWritten:
       return 0;
