@@ -112,7 +112,8 @@ bool mergeUserRight(DBConnect_tag* live, DBConnect_tag* source, const Result& ri
   }
   const std::string shareid = fieldText(right, "shareid", kNumberCapacity);
   const std::string createTime = escapeText(fieldText(right, "create_time", kTimeCapacity));
-  if (!execute(live, formatText("Delete from %s where userid = %d and shareid = %s", table, uid, shareid.c_str()))) {
+  if (!execute(live, formatText("Delete from %s where userid = %d and shareid = %s", table, uid, shareid.c_str()),
+               RawValues{{}, {shareid}})) {
     return false;
   }
   std::string liveShare;
@@ -123,8 +124,10 @@ bool mergeUserRight(DBConnect_tag* live, DBConnect_tag* source, const Result& ri
   // The row keeps the number that it was saved with, although the user may have another one here.
   return execute(live,
                  formatText("Delete from %s where userid = %d and shareid = %s", table, uid, liveShare.c_str())) &&
-         execute(live, formatText("Insert into %s Values (%s, %s, '%s')", table, userid.c_str(), liveShare.c_str(),
-                                  createTime.c_str()));
+         execute(live,
+                 formatText("Insert into %s Values (%s, %s, '%s')", table, userid.c_str(), liveShare.c_str(),
+                            createTime.c_str()),
+                 RawValues{{}, {userid}});
 }
 
 // False when the reader must stop, which is then logged.
@@ -155,7 +158,8 @@ bool mergeGroupPermission(DBConnect_tag* live, DBConnect_tag* source, const Resu
   const std::string createTime = escapeText(fieldText(right, "create_time", kTimeCapacity));
   if (!execute(live,
                formatText("Delete from photo_group_permission_for_hox_account where groupid = %d and shareid = %s", gid,
-                          shareid.c_str()))) {
+                          shareid.c_str()),
+               RawValues{{}, {shareid}})) {
     return false;
   }
   std::string liveShare;
@@ -166,9 +170,11 @@ bool mergeGroupPermission(DBConnect_tag* live, DBConnect_tag* source, const Resu
   return execute(live,
                  formatText("Delete from photo_group_permission_for_hox_account where groupid = %d and shareid = %s",
                             gid, liveShare.c_str())) &&
-         execute(live, formatText("Insert into photo_group_permission_for_hox_account(groupid, shareid, permission, "
-                                  "create_time) Values (%s, %s, %s, '%s')",
-                                  groupid.c_str(), liveShare.c_str(), permission.c_str(), createTime.c_str()));
+         execute(live,
+                 formatText("Insert into photo_group_permission_for_hox_account(groupid, shareid, permission, "
+                            "create_time) Values (%s, %s, %s, '%s')",
+                            groupid.c_str(), liveShare.c_str(), permission.c_str(), createTime.c_str()),
+                 RawValues{{}, {groupid, permission}});
 }
 
 }  // namespace

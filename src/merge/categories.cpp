@@ -13,12 +13,12 @@ Merged mergeCategory(DBConnect_tag* destination, const Result& category) {
   const std::string orderNumber = fieldText(category, "order_number", kNumberCapacity);
   const std::string createDate = fieldText(category, "create_date", kNumberCapacity);
   const std::string modifyDate = fieldText(category, "modify_date", kNumberCapacity);
-  return mergeRow(
-      destination, formatText("Select * from category where name = '%s'", name.c_str()),
-      formatText("Delete from category where name = '%s'", name.c_str()),
-      formatText("Insert into category (name, hidden, order_number, create_date, modify_date) Values "
-                 "('%s', '%s', '%s', '%s', '%s')",
-                 name.c_str(), hidden.c_str(), orderNumber.c_str(), createDate.c_str(), modifyDate.c_str()));
+  return mergeRow(destination, formatText("Select * from category where name = '%s'", name.c_str()),
+                  formatText("Delete from category where name = '%s'", name.c_str()),
+                  formatText("Insert into category (name, hidden, order_number, create_date, modify_date) Values "
+                             "('%s', '%s', '%s', '%s', '%s')",
+                             name.c_str(), hidden.c_str(), orderNumber.c_str(), createDate.c_str(), modifyDate.c_str()),
+                  {}, {{hidden, orderNumber, createDate, modifyDate}, {}});
 }
 
 }  // namespace

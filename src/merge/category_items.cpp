@@ -39,7 +39,7 @@ Lookup findMember(DBConnect_tag* destination, const MemberKind& kind, const std:
   const std::string statement = &kind == &kAlbum
                                     ? formatText("select * from photo_share where shareid = '%s'", number.c_str())
                                     : formatText("select * from photo_label where id = '%s'", number.c_str());
-  if (!execute(destination, statement, member)) {
+  if (!execute(destination, statement, {{number}, {}}, member)) {
     return Lookup::kFailed;
   }
   return hasRows(member) ? Lookup::kFound : Lookup::kMissing;
@@ -60,15 +60,17 @@ bool mergeItem(DBConnect_tag* destination, const Result& row) {
   if (!execute(destination,
                formatText("Select * from category_items where category_id = '%s' and %s = '%s'", sourceCategory.c_str(),
                           kind->column, number.c_str()),
-               live)) {
+               {{sourceCategory, number}, {}}, live)) {
     return false;
   }
   if (hasRows(live)) {
     if (!gIsOverwiroteMode) {
       return true;
     }
-    if (!execute(destination, formatText("Delete from category_items where category_id = '%s' and %s = '%s'",
-                                         sourceCategory.c_str(), kind->column, number.c_str()))) {
+    if (!execute(destination,
+                 formatText("Delete from category_items where category_id = '%s' and %s = '%s'", sourceCategory.c_str(),
+                            kind->column, number.c_str()),
+                 RawValues{{sourceCategory, number}, {}})) {
       return false;
     }
   }
@@ -89,7 +91,8 @@ bool mergeItem(DBConnect_tag* destination, const Result& row) {
   return execute(destination,
                  formatText("Insert into category_items (category_id, type, order_number, %s) Values "
                             "('%s', '%s', '%s', '%s')",
-                            kind->column, category.c_str(), kind->type, orderNumber.c_str(), number.c_str()));
+                            kind->column, category.c_str(), kind->type, orderNumber.c_str(), number.c_str()),
+                 RawValues{{orderNumber, number}, {}});
 }
 
 }  // namespace

@@ -8,20 +8,20 @@
 #include "platform/text.h"
 
 Merged mergeRow(DBConnect_tag* destination, const std::string& lookUp, const std::string& remove,
-                const std::string& insert, int line) {
+                const std::string& insert, const RawValues& rawInKey, const RawValues& rawInInsert, int line) {
   Result found;
-  if (!execute(destination, lookUp, found, line)) {
+  if (!execute(destination, lookUp, rawInKey, found, line)) {
     return Merged::kFailed;
   }
   if (hasRows(found)) {
     if (!gIsOverwiroteMode) {
       return Merged::kKept;
     }
-    if (!execute(destination, remove, line)) {
+    if (!execute(destination, remove, rawInKey, line)) {
       return Merged::kFailed;
     }
   }
-  return execute(destination, insert, line) ? Merged::kInserted : Merged::kFailed;
+  return execute(destination, insert, rawInInsert, line) ? Merged::kInserted : Merged::kFailed;
 }
 
 bool fileExists(const std::string& path) {
@@ -43,7 +43,7 @@ Lookup findShare(DBConnect_tag* destination, DBConnect_tag* source, const char* 
                  std::size_t nameCapacity, std::string& number) {
   Result share;
   if (!execute(source, formatText("Select * from photo_share%s where shareid = %s", suffix, sourceShare.c_str()),
-               share)) {
+               {{}, {sourceShare}}, share)) {
     return Lookup::kFailed;
   }
   if (!fetchRow(share)) {

@@ -15,9 +15,11 @@ inline constexpr std::size_t kNumberCapacity = 32;
 enum class Merged { kFailed, kKept, kInserted };
 
 // Merges one row that is replaced as a whole: `insert` runs when `lookUp` finds no row; in overwrite mode `remove` and
-// then `insert` when it finds some; nothing otherwise.
+// then `insert` when it finds some; nothing otherwise. `rawInKey` are the unescaped values in `lookUp` and `remove`,
+// `rawInInsert` those in `insert`.
 Merged mergeRow(DBConnect_tag* destination, const std::string& lookUp, const std::string& remove,
-                const std::string& insert, int line = __builtin_LINE());
+                const std::string& insert, const RawValues& rawInKey = {}, const RawValues& rawInInsert = {},
+                int line = __builtin_LINE());
 
 // True when something exists at `path` on the local file system.
 bool fileExists(const std::string& path);

@@ -17,7 +17,8 @@ int nextGroupNumber(DBConnect_tag* connection) {
 Lookup findUser(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix, const std::string& sourceUser,
                 std::string& number) {
   Result user;
-  if (!execute(source, formatText("Select * from photo_user%s where userid = %s", suffix, sourceUser.c_str()), user)) {
+  if (!execute(source, formatText("Select * from photo_user%s where userid = %s", suffix, sourceUser.c_str()),
+               {{}, {sourceUser}}, user)) {
     return Lookup::kFailed;
   }
   if (!fetchRow(user)) {
@@ -40,7 +41,7 @@ void copyMembers(DBConnect_tag* destination, DBConnect_tag* source, const std::s
   Result members;
   if (!execute(destination, formatText("Delete from photo_user_group where groupid = %s", destinationGroup.c_str())) ||
       !execute(source, formatText("Select * from photo_user_group%s where groupid = %s", suffix, sourceGroup.c_str()),
-               members)) {
+               {{}, {sourceGroup}}, members)) {
     return;
   }
   while (fetchRow(members)) {
@@ -65,7 +66,7 @@ void copyPermissions(DBConnect_tag* destination, DBConnect_tag* source, const st
                formatText("Delete from photo_group_permission where groupid = %s", destinationGroup.c_str())) ||
       !execute(source,
                formatText("Select * from photo_group_permission%s where groupid = %s", suffix, sourceGroup.c_str()),
-               permissions)) {
+               {{}, {sourceGroup}}, permissions)) {
     return;
   }
   while (fetchRow(permissions)) {
@@ -81,7 +82,8 @@ void copyPermissions(DBConnect_tag* destination, DBConnect_tag* source, const st
         !execute(destination,
                  formatText("Insert into photo_group_permission(groupid, shareid, permission, create_time) Values "
                             "(%s, %s, %s, '%s')",
-                            destinationGroup.c_str(), share.c_str(), permission.c_str(), createTime.c_str()))) {
+                            destinationGroup.c_str(), share.c_str(), permission.c_str(), createTime.c_str()),
+                 RawValues{{createTime}, {permission}})) {
       return;
     }
   }

@@ -68,6 +68,11 @@ Image readImage(const Result& row, const std::string& path) {
   return image;
 }
 
+RawValues rawValues(const Image& image) {
+  return {{image.exposure, image.aperture, image.timeTaken, image.createTime},
+          {image.size, image.resolutionX, image.resolutionY, image.iso, image.version}};
+}
+
 bool insertImage(DBConnect_tag* destination, const Image& image) {
   return execute(
       destination,
@@ -79,7 +84,8 @@ bool insertImage(DBConnect_tag* destination, const Image& image) {
                  image.album.c_str(), image.size.c_str(), image.cameraMake.c_str(), image.cameraModel.c_str(),
                  image.exposure.c_str(), image.aperture.c_str(), image.resolutionX.c_str(), image.resolutionY.c_str(),
                  image.iso.c_str(), image.timeTaken.c_str(), image.version.c_str(), image.createTime.c_str(),
-                 image.gps.c_str()));
+                 image.gps.c_str()),
+      rawValues(image));
 }
 
 bool updateImage(DBConnect_tag* destination, const Image& image) {
@@ -93,7 +99,8 @@ bool updateImage(DBConnect_tag* destination, const Image& image) {
                  image.size.c_str(), image.cameraMake.c_str(), image.cameraModel.c_str(), image.exposure.c_str(),
                  image.aperture.c_str(), image.resolutionX.c_str(), image.resolutionY.c_str(), image.iso.c_str(),
                  image.timeTaken.c_str(), image.version.c_str(), image.createTime.c_str(), image.gps.c_str(),
-                 image.path.c_str()));
+                 image.path.c_str()),
+      rawValues(image));
 }
 
 Merged mergeComment(DBConnect_tag* destination, const Result& row, const std::string& photo) {
@@ -117,7 +124,7 @@ void mergeComments(DBConnect_tag* destination, DBConnect_tag* source, const std:
                    const std::string& photo, const char* suffix) {
   Result comments;
   if (!execute(source, formatText("Select * from photo_comment%s where photo_id = %s", suffix, sourcePhoto.c_str()),
-               comments)) {
+               {{}, {sourcePhoto}}, comments)) {
     return;
   }
   while (fetchRow(comments) && mergeComment(destination, comments, photo) != Merged::kFailed) {
@@ -136,7 +143,7 @@ bool mergeLabelLink(DBConnect_tag* destination, const Result& row, const std::st
                           "photo_image_label.label_id = photo_label.id where image_id = %s and name = '%s' and "
                           "category = %s",
                           photo.c_str(), name.c_str(), category.c_str()),
-               link)) {
+               {{}, {category}}, link)) {
     return false;
   }
   if (fetchRow(link)) {
@@ -152,7 +159,7 @@ bool mergeLabelLink(DBConnect_tag* destination, const Result& row, const std::st
   const std::string findLabel =
       formatText("Select id from photo_label where name = '%s' and category = %s", name.c_str(), category.c_str());
   Result label;
-  if (!execute(destination, findLabel, label)) {
+  if (!execute(destination, findLabel, {{}, {category}}, label)) {
     return false;
   }
   if (!fetchRow(label)) {
@@ -163,7 +170,8 @@ bool mergeLabelLink(DBConnect_tag* destination, const Result& row, const std::st
                  formatText("Insert into photo_image_label (image_id, label_id, info, info_new, status) Values "
                             "(%s, %s, '%s', '%s', '%s')",
                             photo.c_str(), fieldText(label, "id", kNumberCapacity).c_str(), info.c_str(),
-                            newInfo.c_str(), status.c_str()));
+                            newInfo.c_str(), status.c_str()),
+                 RawValues{{status}, {}});
 }
 
 // A failed statement ends the label links of this photo.
@@ -175,7 +183,7 @@ void mergeLabelLinks(DBConnect_tag* destination, DBConnect_tag* source, const st
                           "photo_image_label%s.info_new as info_new from photo_image_label%s left join photo_label%s "
                           "on photo_image_label%s.label_id = photo_label%s.id where image_id = %s",
                           suffix, suffix, suffix, suffix, suffix, suffix, sourcePhoto.c_str()),
-               links)) {
+               {{}, {sourcePhoto}}, links)) {
     return;
   }
   while (fetchRow(links) && mergeLabelLink(destination, links, photo)) {

@@ -14,7 +14,8 @@ Merged mergeLabel(DBConnect_tag* destination, const Result& label) {
       formatText("Select * from photo_label where name = '%s' and category = %s", name.c_str(), category.c_str()),
       formatText("Delete from photo_label where name = '%s' and category = %s", name.c_str(), category.c_str()),
       formatText("Insert into photo_label (name, category, info) Values ('%s', '%s', '%s')", name.c_str(),
-                 category.c_str(), info.c_str()));
+                 category.c_str(), info.c_str()),
+      {{}, {category}}, {{category}, {}});
 }
 
 }  // namespace

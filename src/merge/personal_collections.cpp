@@ -35,12 +35,18 @@ Collection readCollection(const Result& row) {
   collection.user = fieldText(row, "userid");
   collection.name = fieldText(row, "name");
   collection.isShared = fieldText(row, "is_shared");
-  collection.startTime = quotedOrNull(fieldText(row, "start_time"));
-  collection.endTime = quotedOrNull(fieldText(row, "end_time"));
+  collection.startTime = fieldText(row, "start_time");
+  collection.endTime = fieldText(row, "end_time");
   collection.shareLink = fieldText(row, "sharelink");
   collection.createDate = fieldText(row, "create_date");
   collection.hidden = fieldText(row, "hidden");
   return collection;
+}
+
+RawValues rawValues(const Collection& collection) {
+  return {{collection.name, collection.isShared, collection.startTime, collection.endTime, collection.shareLink,
+           collection.createDate, collection.hidden},
+          {collection.user}};
 }
 
 bool insertCollection(DBConnect_tag* destination, const std::string& table, const Collection& collection) {
@@ -48,23 +54,25 @@ bool insertCollection(DBConnect_tag* destination, const std::string& table, cons
   return execute(destination, "INSERT INTO " + table + " (" + (withUser ? "userid, " : "") +
                                   "name, is_shared, start_time, end_time, sharelink, create_date, hidden) VALUES (" +
                                   (withUser ? collection.user + ", " : "") + "'" + collection.name + "', '" +
-                                  collection.isShared + "', " + collection.startTime + ", " + collection.endTime +
-                                  ", '" + collection.shareLink + "', '" + collection.createDate + "', '" +
-                                  collection.hidden + "')");
+                                  collection.isShared + "', " + quotedOrNull(collection.startTime) + ", " +
+                                  quotedOrNull(collection.endTime) + ", '" + collection.shareLink + "', '" +
+                                  collection.createDate + "', '" + collection.hidden + "')");
 }
 
 bool updateCollection(DBConnect_tag* destination, const std::string& table, const Collection& collection) {
-  return execute(destination, "UPDATE " + table + " SET " +
-                                  (hasUsers(table) ? "userid = " + collection.user + ", " : "") + "is_shared = '" +
-                                  collection.isShared + "', start_time = " + collection.startTime +
-                                  ", end_time = " + collection.endTime + ", sharelink = '" + collection.shareLink +
-                                  "', create_date = '" + collection.createDate + "', hidden = '" + collection.hidden +
-                                  "' WHERE name = '" + collection.name + "'");
+  return execute(destination,
+                 "UPDATE " + table + " SET " + (hasUsers(table) ? "userid = " + collection.user + ", " : "") +
+                     "is_shared = '" + collection.isShared + "', start_time = " + quotedOrNull(collection.startTime) +
+                     ", end_time = " + quotedOrNull(collection.endTime) + ", sharelink = '" + collection.shareLink +
+                     "', create_date = '" + collection.createDate + "', hidden = '" + collection.hidden +
+                     "' WHERE name = '" + collection.name + "'",
+                 rawValues(collection));
 }
 
 int mergeCollection(DBConnect_tag* destination, const std::string& table, const Collection& collection) {
   Result live;
-  if (!execute(destination, "SELECT * FROM " + table + " WHERE name = '" + collection.name + "'", live)) {
+  if (!execute(destination, "SELECT * FROM " + table + " WHERE name = '" + collection.name + "'",
+               {{collection.name}, {}}, live)) {
     return kLookUpFailed;
   }
   if (!hasRows(live)) {
@@ -103,7 +111,8 @@ std::optional<long long> findCounterpart(DBConnect_tag* destination, DBConnect_t
   }
   // A key is needed: the empty one of a row that is not there could be another row's.
   if (!key ||
-      !execute(destination, "SELECT id FROM " + keyed.table + " WHERE " + keyed.key + " = '" + *key + "'", rows) ||
+      !execute(destination, "SELECT id FROM " + keyed.table + " WHERE " + keyed.key + " = '" + *key + "'", {{*key}, {}},
+               rows) ||
       !fetchRow(rows)) {
     return std::nullopt;
   }

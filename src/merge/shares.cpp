@@ -34,6 +34,10 @@ Share readShare(const Result& row) {
   return share;
 }
 
+RawValues rawValues(const Share& share) {
+  return {{share.isPublic, share.comment, share.isSubdirectory, share.conversion, share.password}, {share.hits}};
+}
+
 // Asked afresh for every insert, so that the shares of this run count.
 int nextShareNumber(DBConnect_tag* connection) {
   return nextNumber(connection, "Select shareid from photo_share order by shareid desc limit 1", "shareid");
@@ -47,7 +51,8 @@ bool insertShare(DBConnect_tag* destination, const Share& share) {
                  "Values (%d, '%s', '%s', '%s', '%s', %s, '%s', '%s', '%s', '%s', '%s')",
                  nextShareNumber(destination), share.name.c_str(), share.title.c_str(), share.description.c_str(),
                  share.isPublic.c_str(), share.hits.c_str(), share.cover.c_str(), share.comment.c_str(),
-                 share.isSubdirectory.c_str(), share.password.c_str(), share.conversion.c_str()));
+                 share.isSubdirectory.c_str(), share.password.c_str(), share.conversion.c_str()),
+      rawValues(share));
 }
 
 bool updateShare(DBConnect_tag* destination, const Share& share) {
@@ -57,7 +62,8 @@ bool updateShare(DBConnect_tag* destination, const Share& share) {
                             "where sharename = '%s'",
                             share.title.c_str(), share.description.c_str(), share.isPublic.c_str(), share.hits.c_str(),
                             share.cover.c_str(), share.comment.c_str(), share.isSubdirectory.c_str(),
-                            share.password.c_str(), share.conversion.c_str(), share.name.c_str()));
+                            share.password.c_str(), share.conversion.c_str(), share.name.c_str()),
+                 rawValues(share));
 }
 
 bool mergeShare(DBConnect_tag* destination, const Result& row) {

@@ -30,15 +30,21 @@ User readUser(const Result& row) {
   return user;
 }
 
+RawValues rawValues(const User& user) {
+  return {{user.password, user.disabled, user.lockPassword, user.admin, user.email}, {}};
+}
+
 int nextUserNumber(DBConnect_tag* connection) {
   return nextNumber(connection, "Select userid from photo_user order by userid desc limit 1", "userid");
 }
 
 bool insertUser(DBConnect_tag* destination, const User& user) {
-  return execute(destination, formatText("Insert into photo_user VALUES(%d, '%s', '%s', '%s', '%s', '%s', '%s', '%s')",
-                                         nextUserNumber(destination), user.name.c_str(), user.description.c_str(),
-                                         user.password.c_str(), user.disabled.c_str(), user.lockPassword.c_str(),
-                                         user.admin.c_str(), user.email.c_str()));
+  return execute(
+      destination,
+      formatText("Insert into photo_user VALUES(%d, '%s', '%s', '%s', '%s', '%s', '%s', '%s')",
+                 nextUserNumber(destination), user.name.c_str(), user.description.c_str(), user.password.c_str(),
+                 user.disabled.c_str(), user.lockPassword.c_str(), user.admin.c_str(), user.email.c_str()),
+      rawValues(user));
 }
 
 bool updateUser(DBConnect_tag* destination, const User& user) {
@@ -46,7 +52,8 @@ bool updateUser(DBConnect_tag* destination, const User& user) {
                  formatText("UPDATE photo_user SET description = '%s', password = '%s', disabled = '%s', "
                             "lock_pass = '%s', admin = '%s', email = '%s' where username = '%s'",
                             user.description.c_str(), user.password.c_str(), user.disabled.c_str(),
-                            user.lockPassword.c_str(), user.admin.c_str(), user.email.c_str(), user.name.c_str()));
+                            user.lockPassword.c_str(), user.admin.c_str(), user.email.c_str(), user.name.c_str()),
+                 rawValues(user));
 }
 
 // Replaces the user's rows of one of the three rights tables, which are alike in everything but their name. A failed
@@ -57,7 +64,8 @@ void copyUserRights(DBConnect_tag* destination, DBConnect_tag* source, const cha
     return;
   }
   Result rights;
-  if (!execute(source, formatText("Select * from %s%s where userid = %s", table, suffix, sourceUser.c_str()), rights)) {
+  if (!execute(source, formatText("Select * from %s%s where userid = %s", table, suffix, sourceUser.c_str()),
+               {{}, {sourceUser}}, rights)) {
     return;
   }
   while (fetchRow(rights)) {
@@ -68,9 +76,10 @@ void copyUserRights(DBConnect_tag* destination, DBConnect_tag* source, const cha
     if (found == Lookup::kMissing) {
       continue;
     }
-    if (found == Lookup::kFailed ||
-        !execute(destination, formatText("Insert into %s Values (%s, %s, '%s')", table, destinationUser.c_str(),
-                                         share.c_str(), createTime.c_str()))) {
+    if (found == Lookup::kFailed || !execute(destination,
+                                             formatText("Insert into %s Values (%s, %s, '%s')", table,
+                                                        destinationUser.c_str(), share.c_str(), createTime.c_str()),
+                                             RawValues{{createTime}, {}})) {
       return;
     }
   }

@@ -12,7 +12,7 @@ bool insertLink(DBConnect_tag* destination, const std::string& path, const std::
   const std::string findLabel =
       formatText("Select id from photo_label where name = '%s' and category = %s", name.c_str(), category.c_str());
   Result label;
-  if (!execute(destination, findLabel, label)) {
+  if (!execute(destination, findLabel, {{}, {category}}, label)) {
     return false;
   }
   if (!fetchRow(label)) {
@@ -39,7 +39,7 @@ bool mergeLink(DBConnect_tag* destination, const Result& row) {
                           "photo_video_label.label_id=photo_label.id where video_path = '%s' and name = '%s' and "
                           "category = %s",
                           path.c_str(), name.c_str(), category.c_str()),
-               link)) {
+               {{}, {category}}, link)) {
     return false;
   }
   if (hasRows(link)) {

@@ -34,13 +34,19 @@ Watermark readWatermark(const Result& row) {
   return watermark;
 }
 
+RawValues rawValues(const Watermark& watermark) {
+  return {{watermark.path, watermark.hash, watermark.changed},
+          {watermark.share, watermark.opacity, watermark.gravity, watermark.size, watermark.modified}};
+}
+
 bool insertWatermark(DBConnect_tag* destination, const Watermark& watermark) {
-  return execute(destination,
-                 formatText("INSERT INTO watermark (shareid, path, opacity, gravity, size, hash, mtime, changed) "
-                            "VALUES (%s, '%s', %s, %s, %s, '%s', %s, '%s')",
-                            watermark.share.c_str(), watermark.path.c_str(), watermark.opacity.c_str(),
-                            watermark.gravity.c_str(), watermark.size.c_str(), watermark.hash.c_str(),
-                            watermark.modified.c_str(), watermark.changed.c_str()));
+  return execute(
+      destination,
+      formatText("INSERT INTO watermark (shareid, path, opacity, gravity, size, hash, mtime, changed) "
+                 "VALUES (%s, '%s', %s, %s, %s, '%s', %s, '%s')",
+                 watermark.share.c_str(), watermark.path.c_str(), watermark.opacity.c_str(), watermark.gravity.c_str(),
+                 watermark.size.c_str(), watermark.hash.c_str(), watermark.modified.c_str(), watermark.changed.c_str()),
+      rawValues(watermark));
 }
 
 bool updateWatermark(DBConnect_tag* destination, const Watermark& watermark) {
@@ -49,12 +55,14 @@ bool updateWatermark(DBConnect_tag* destination, const Watermark& watermark) {
                             "mtime = %s, changed = '%s' WHERE shareid = %s",
                             watermark.path.c_str(), watermark.opacity.c_str(), watermark.gravity.c_str(),
                             watermark.size.c_str(), watermark.hash.c_str(), watermark.modified.c_str(),
-                            watermark.changed.c_str(), watermark.share.c_str()));
+                            watermark.changed.c_str(), watermark.share.c_str()),
+                 rawValues(watermark));
 }
 
 int mergeWatermark(DBConnect_tag* destination, const Watermark& watermark) {
   Result live;
-  if (!execute(destination, formatText("SELECT * FROM watermark WHERE shareid = %s", watermark.share.c_str()), live)) {
+  if (!execute(destination, formatText("SELECT * FROM watermark WHERE shareid = %s", watermark.share.c_str()),
+               {{}, {watermark.share}}, live)) {
     return kLookUpFailed;
   }
   if (!hasRows(live)) {

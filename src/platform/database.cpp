@@ -314,6 +314,19 @@ int KAVODBExecute(DBConnect_tag* connection, const char* statement, DBResult_tag
   return 0;
 }
 
+int KAVODBParse(DBConnect_tag* connection, const char* statement) {
+  if (connection == nullptr) {
+    return -1;
+  }
+  connection->error.clear();
+  const PGResultHandle parsed(PQprepare(connection->connection, "", statement, 0, nullptr));
+  if (PQresultStatus(parsed.get()) == PGRES_COMMAND_OK) {
+    return 0;
+  }
+  connection->error = errorText(parsed.get(), connection->connection);
+  return -1;
+}
+
 int KAVODBFetchRow(DBResult_tag* result, DBRow_tag** row) {
   // The row lives in its result; its handle only says that there is one.
   *row = result != nullptr && nextRow(result->rows) ? reinterpret_cast<DBRow_tag*>(result) : nullptr;

@@ -29,6 +29,10 @@ void KAVODBClose(DBConnect_tag* connection);
 // here.
 int KAVODBExecute(DBConnect_tag* connection, const char* statement, DBResult_tag** result);
 
+// Lets the server read one statement without running it. 0 when it understands it; -1 otherwise, with the reason in
+// KAVODBErrorGet. Nothing is logged here.
+int KAVODBParse(DBConnect_tag* connection, const char* statement);
+
 // Steps to the next row, in the server's order. 0 when *row was set; -1 when there are no more rows or the result is
 // null. The row and its fields are valid until the next fetch on the same result.
 int KAVODBFetchRow(DBResult_tag* result, DBRow_tag** row);

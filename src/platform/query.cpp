@@ -1,5 +1,7 @@
 #include "platform/query.h"
 
+#include <algorithm>
+
 #include "platform/handles.h"
 #include "platform/log.h"
 #include "platform/progress.h"
@@ -19,6 +21,46 @@ bool execute(DBConnect_tag* connection, const std::string& statement, Result& re
 bool execute(DBConnect_tag* connection, const std::string& statement, int line) {
   Result result;
   return execute(connection, statement, result, line);
+}
+
+namespace {
+
+// Inside quotes a doubled quote is one character of the text; a single one ends it.
+bool staysQuoted(std::string_view value) {
+  for (std::size_t at = value.find('\''); at != std::string_view::npos; at = value.find('\'', at + 2)) {
+    if (value.substr(at, 2) != "''") {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Two dashes begin a comment.
+bool isNumeric(std::string_view value) {
+  return value.find_first_not_of("0123456789.eE+- ") == std::string_view::npos &&
+         value.find("--") == std::string_view::npos;
+}
+
+}  // namespace
+
+bool keepTheirPlace(const RawValues& raw) {
+  return std::all_of(raw.quoted.begin(), raw.quoted.end(), staysQuoted) &&
+         std::all_of(raw.bare.begin(), raw.bare.end(), isNumeric);
+}
+
+bool execute(DBConnect_tag* connection, const std::string& statement, const RawValues& raw, Result& result, int line) {
+  if (keepTheirPlace(raw)) {
+    return execute(connection, statement, result, line);
+  }
+  const bool isRefused = KAVODBParse(connection, statement.c_str()) == -1;
+  KAVO_LOG_AT(line, "Failed to exec [%s] (%s)", statement.c_str(),
+              isRefused ? KAVODBErrorGet(connection) : "ERROR:  a value would end its own place in the statement");
+  return false;
+}
+
+bool execute(DBConnect_tag* connection, const std::string& statement, const RawValues& raw, int line) {
+  Result result;
+  return execute(connection, statement, raw, result, line);
 }
 
 bool fetchRow(Result& result) {

@@ -4,6 +4,8 @@
 #include <limits>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "platform/database.h"
 
@@ -34,6 +36,26 @@ bool execute(DBConnect_tag* connection, const std::string& statement, Result& re
 
 // The same for a statement whose rows nobody reads.
 bool execute(DBConnect_tag* connection, const std::string& statement, int line = __builtin_LINE());
+
+// Values that stand in a statement as the source holds them, not escaped: some between single quotes, some as bare
+// numbers.
+struct RawValues {
+  std::vector<std::string_view> quoted;
+  std::vector<std::string_view> bare;
+};
+
+// Runs a statement that holds such values, but not when one of them would end its place there: a single quote or
+// anything but a number could turn the rest of the statement, its condition say, into another one that reaches rows of
+// others. Such a statement fails: it is logged like any other, with what the server says to it unrun, or else with a
+// reason of ours.
+bool execute(DBConnect_tag* connection, const std::string& statement, const RawValues& raw, Result& result,
+             int line = __builtin_LINE());
+bool execute(DBConnect_tag* connection, const std::string& statement, const RawValues& raw,
+             int line = __builtin_LINE());
+
+// True when every value keeps its place: quotes in the quoted ones come in pairs, and the bare ones are made of numbers
+// only.
+bool keepTheirPlace(const RawValues& raw);
 
 // Steps to the next row; false after the last.
 bool fetchRow(Result& result);
