@@ -150,7 +150,7 @@ TEST_F(ArchiveTest, WritesTheLocalTimeAndBothVersions) {
   options.env = {"TZ=UTC-5"};
   const auto text = [](std::time_t time) {
     std::tm local = {};
-    time += 5 * 3600;
+    time += 5L * 3600;
     gmtime_r(&time, &local);
     return backupTimeText(local, "18%%03", "6.0-2636");
   };

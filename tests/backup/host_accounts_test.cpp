@@ -315,7 +315,7 @@ TEST_P(HostAccounts, FailedInsertEndsTheMerge) {
   std::vector<::testing::Matcher<const std::string&>> messages;
   const auto add = [&messages](const std::string& statement, const std::vector<std::string>& rest) {
     messages.push_back(::testing::StartsWith("Failed to exec [" + statement + "] (ERROR:  new row for relation "));
-    messages.push_back(::testing::Eq(rest[1]));
+    messages.emplace_back(::testing::Eq(rest[1]));
   };
   add("Insert into photo_upload_right_for_hox_account Values (1026, 11, '2020-01-01 00:00:00')",
       failing("", "photo_upload_right_for_hox_account"));

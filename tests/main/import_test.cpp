@@ -49,7 +49,9 @@ TEST_F(Import, RepairsPathsThenMergesTheTablesInOrder) {
   std::vector<std::string> closed;
   const std::string execution = "kavophoto_backup|other|LOG:  execute <unnamed>: ";
   for (std::string line; std::getline(log, line);) {
-    if (line.rfind(execution, 0) == 0) statements.push_back(line.substr(execution.size()));
+    if (line.rfind(execution, 0) == 0) {
+      statements.push_back(line.substr(execution.size()));
+    }
     if (line.rfind("kavophoto_backup|", 0) == 0 && line.find("disconnection") != std::string::npos) {
       closed.push_back(line.substr(17, line.find('|', 17) - 17));
     }

@@ -23,7 +23,9 @@ struct Parsed {
 Parsed parse(std::vector<std::string> words) {
   std::string program = "kavophoto_backup";
   std::vector<char*> arguments = {program.data()};
-  for (std::string& word : words) arguments.push_back(word.data());
+  for (std::string& word : words) {
+    arguments.push_back(word.data());
+  }
   arguments.push_back(nullptr);
   // Zero makes the parser forget the list before.
   optind = 0;

@@ -17,7 +17,9 @@ class SingleInstance : public appliance::ToolTest {
  protected:
   static std::string endedProcess() {
     const pid_t child = fork();
-    if (child == 0) _exit(0);
+    if (child == 0) {
+      _exit(0);
+    }
     waitpid(child, nullptr, 0);
     return std::to_string(child);
   }
@@ -45,10 +47,12 @@ TEST_F(SingleInstance, HoldsThePidFileWhileItRuns) {
 }
 
 TEST_F(SingleInstance, TurnsASecondRunAwayWhichRemovesThePidFile) {
-  appliance::replaceProgram(
-      "/usr/bin/pg_dump", "touch /tmp/dumping; while [ ! -e /tmp/go_on ]; do sleep 0.02; done; exec \"$REAL\" \"$@\"");
+  appliance::replaceProgram("/usr/bin/pg_dump",
+                            R"(touch /tmp/dumping; while [ ! -e /tmp/go_on ]; do sleep 0.02; done; exec "$REAL" "$@")");
   const pid_t first = appliance::startTool({"-b", appliance::workDirectory()});
-  while (!appliance::exists("/tmp/dumping")) usleep(5000);
+  while (!appliance::exists("/tmp/dumping")) {
+    usleep(5000);
+  }
   EXPECT_EQ(appliance::readFile(kPidFile), std::to_string(first));
   for (const std::vector<std::string>& arguments : {std::vector<std::string>{"-r", "/tmp/backup/"}}) {
     const appliance::Outcome second = run(arguments);

@@ -109,7 +109,9 @@ TEST_P(Categories, EndAtALookUpThatFails) {
 
 TEST_P(Categories, EndAtAnInsertThatFailsAndKeepWhatWasWritten) {
   live().exec("INSERT INTO category (name) VALUES ('live')");
-  if (overwrites()) live().exec("INSERT INTO category (name) VALUES ('it''s')");
+  if (overwrites()) {
+    live().exec("INSERT INTO category (name) VALUES ('it''s')");
+  }
   source().exec(
       "INSERT INTO category (name, hidden, order_number, create_date, modify_date) VALUES "
       "('before', 't', '1', '2011-01-01', '2012-01-01'), ('it''s', 't', NULL, '2011-01-01', '2012-01-01'), "

@@ -159,7 +159,9 @@ TEST_P(CategoryItemRoutine, RunsItsStatementsInOrder) {
       "live: Select * from category_items where category_id = '1' and album_id = '4'",
   };
   const auto add = [&](std::vector<std::string> more) {
-    if (overwrites()) expected.insert(expected.end(), more.begin(), more.end());
+    if (overwrites()) {
+      expected.insert(expected.end(), more.begin(), more.end());
+    }
   };
   add({"live: Delete from category_items where category_id = '1' and album_id = '4'", findCategory,
        "live: select * from photo_share where shareid = '4'",

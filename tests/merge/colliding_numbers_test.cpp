@@ -30,7 +30,9 @@ class CollidingNumbers : public appliance::MergeTest {
   }
 
   void expectVideoMessages() {
-    if (imports()) return;
+    if (imports()) {
+      return;
+    }
     expectMessages(std::vector<std::string>(
         3, failedToExec("SELECT path FROM video_bak WHERE id = 101", "ERROR:  relation \"video_bak\" does not exist")));
   }
@@ -47,8 +49,12 @@ TEST_P(CollidingNumbers, LinkNothingToARowOfAnotherName) {
   const named::Tables after = named::rows(live());
   for (const auto& [table, rows] : before) {
     named::Rows expected = named::together(rows, carried.at(table));
-    if (keepsNumbers(table)) expected = overwrites() ? carried.at(table) : rows;
-    if (named::isVideoMember(table) && !imports()) expected = rows;
+    if (keepsNumbers(table)) {
+      expected = overwrites() ? carried.at(table) : rows;
+    }
+    if (named::isVideoMember(table) && !imports()) {
+      expected = rows;
+    }
     EXPECT_EQ(after.at(table), expected) << table;
   }
 }
@@ -60,7 +66,9 @@ TEST_P(CollidingNumbers, ChangeNoLiveRow) {
   auto after = appliance::contents("photo");
   EXPECT_EQ(after.size(), before.size());
   for (const auto& [table, rows] : before) {
-    if (keepsNumbers(table) && overwrites()) continue;
+    if (keepsNumbers(table) && overwrites()) {
+      continue;
+    }
     std::vector<std::string> lost;
     std::set_difference(rows.begin(), rows.end(), after[table].begin(), after[table].end(), std::back_inserter(lost));
     EXPECT_THAT(lost, testing::IsEmpty()) << table;

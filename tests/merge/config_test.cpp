@@ -116,7 +116,9 @@ TEST_P(Config, EndsAtAnInsertThatFailsAndKeepsWhatWasWritten) {
       "ALTER TABLE photo_config ADD CONSTRAINT good CHECK (config_value <> 'bad');"
       "INSERT INTO photo_config VALUES ('a', 'live', 'live')");
   source().exec("INSERT INTO photo_config VALUES ('a', 'before', 'saved'), ('a', 'it''s', 'bad'), ('a', 'then', '')");
-  if (overwrites()) live().exec("INSERT INTO photo_config VALUES ('a', 'it''s', 'deleted before')");
+  if (overwrites()) {
+    live().exec("INSERT INTO photo_config VALUES ('a', 'it''s', 'deleted before')");
+  }
   EXPECT_EQ(merge().status, 0);
   expectMessages(
       {failedToExec(

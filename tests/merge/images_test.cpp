@@ -19,14 +19,18 @@ std::string photo(int id, const std::string& name) {
 }
 
 void makeFiles(const std::vector<std::string>& names) {
-  for (const std::string& name : names) appliance::writeFile(kFolder + name, "x");
+  for (const std::string& name : names) {
+    appliance::writeFile(kFolder + name, "x");
+  }
 }
 
 class Images : public appliance::MergeTest {
  protected:
   void expectPaths(const std::vector<std::string>& names) {
     appliance::Rows expected;
-    for (const std::string& name : names) expected.push_back({kFolder + name});
+    for (const std::string& name : names) {
+      expected.push_back({kFolder + name});
+    }
     expectRows(live(), "SELECT path FROM photo_image ORDER BY path", expected);
   }
   void expectComments(const appliance::Rows& expected) {
@@ -116,7 +120,9 @@ TEST_P(Images, HaveTheirDatesConverted) {
     const std::string name = std::string(1, static_cast<char>('a' + id)) + ".jpg";
     makeFiles({name});
     // Half of them are there already.
-    if (++id % 2 == 0) live().exec(photo(id + 100, name));
+    if (++id % 2 == 0) {
+      live().exec(photo(id + 100, name));
+    }
     source().exec(photo(id, name) + "UPDATE photo_image SET timetaken = '" + date +
                   "' WHERE id = " + std::to_string(id));
     const bool kept = id % 2 == 0 && !overwrites();
@@ -155,7 +161,9 @@ TEST_P(Images, HaveValuesCutToTheirCapacities) {
       "camera_model, "
       "exposure, aperture, create_time, gps FROM photo_image WHERE path LIKE ";
   expectRows(live(), columns + "'%cut.jpg'", {cut});
-  if (overwrites()) expectRows(live(), columns + "'%both.jpg'", {cut});
+  if (overwrites()) {
+    expectRows(live(), columns + "'%both.jpg'", {cut});
+  }
   expectNoMessages();
 }
 
@@ -214,7 +222,9 @@ TEST_P(Images, EndWhereWritingOrReadingThePhotoFails) {
         {failedToExec("Select * from photo_image where path = '/var/services/photo/it''s.jpg'", kRefused), kFailed});
   }
   appliance::Rows expected = {{"before.jpg"}, {"both.jpg"}};
-  if (!overwrites()) expected.push_back({"it's.jpg"});
+  if (!overwrites()) {
+    expected.push_back({"it's.jpg"});
+  }
   expectRows(live(), "SELECT name FROM photo_image_stored ORDER BY 1", expected);
   EXPECT_EQ(live().count("photo_comment"), 0);
 }
@@ -406,7 +416,9 @@ TEST_P(Images, AreMergedWhereLiveCommentsAndLinksFail) {
                    noTable("photo_image_label")));
   expectMessages(messages);
   appliance::Rows expected = {{"other"}, {"same"}};
-  if (!overwrites()) expected.push_back({"then"});
+  if (!overwrites()) {
+    expected.push_back({"then"});
+  }
   expectRows(live(), "SELECT name FROM photo_comment ORDER BY 1", expected);
 }
 
@@ -512,13 +524,17 @@ TEST_P(ImageRoutine, EndsAtAnyColumnThatIsNotEscapedOrQuoted) {
     source().exec("DELETE FROM photo_image;" + photo(1, "before.jpg") + photo(2, "bad.jpg") +
                   "UPDATE photo_image SET " + raw.column + " = '" + raw.value + "' WHERE id = 2;" +
                   photo(3, "then.jpg"));
-    if (overwrites()) live().exec(photo(1000, "bad.jpg") + "UPDATE photo_image SET title = 'live'");
+    if (overwrites()) {
+      live().exec(photo(1000, "bad.jpg") + "UPDATE photo_image SET title = 'live'");
+    }
     EXPECT_EQ(call(KavophotoSyncImage), -1);
     expectMessagesMatch({testing::AllOf(testing::StartsWith(overwrites() ? "Failed to exec [UPDATE photo_image SET "
                                                                          : "Failed to exec [Insert into photo_image "),
                                         testing::HasSubstr("(" + raw.error))});
     appliance::Rows expected = {{"before.jpg", ""}};
-    if (overwrites()) expected.insert(expected.begin(), {"bad.jpg", "live"});
+    if (overwrites()) {
+      expected.insert(expected.begin(), {"bad.jpg", "live"});
+    }
     expectRows(live(), "SELECT name, title FROM photo_image ORDER BY 1", expected);
   }
 }

@@ -150,7 +150,9 @@ TEST_P(Logs, FailingLeaveATransactionOpenInWhichNothingMoreIsWritten) {
       "Table photo_log sync failed.\n"};
   const auto fails = [&messages](const std::string& statement, const std::string& consequence) {
     messages.push_back("Failed to exec [" + statement + "] (" + kAborted + ")");
-    if (!consequence.empty()) messages.push_back(consequence);
+    if (!consequence.empty()) {
+      messages.push_back(consequence);
+    }
   };
   if (imports()) {
     fails("Select * from photo_share where sharename = 'trip'", "Table photo_share sync failed.\n");
@@ -159,7 +161,9 @@ TEST_P(Logs, FailingLeaveATransactionOpenInWhichNothingMoreIsWritten) {
   } else {
     // The staged tables are read, and dropped in the end, on the same connection.
     std::string staged;
-    for (const std::string& table : appliance::tableNames()) staged += (staged.empty() ? "'" : ", '") + table + "_bak'";
+    for (const std::string& table : appliance::tableNames()) {
+      staged += (staged.empty() ? "'" : ", '") + table + "_bak'";
+    }
     const std::string rights = "Table photo_access_right_for_hox_account sync failed.\n";
     fails("Select * from photo_share_bak", "Table photo_share sync failed.\n");
     fails("Select * from photo_user_bak", "Table photo_user sync failed.\n");

@@ -117,7 +117,9 @@ TEST_P(PersonalCollections, HaveNoTimesWhereTheSourceHasNone) {
     SCOPED_TRACE(family.table);
     appliance::Rows expected = {{"both", "2001-01-01 00:00:00", "2001-02-01 00:00:00", "link2001"},
                                 {"new", "(null)", "(null)", ""}};
-    if (overwrites()) expected[0] = {"both", "(null)", "(null)", ""};
+    if (overwrites()) {
+      expected[0] = {"both", "(null)", "(null)", ""};
+    }
     expectRows(live(), "SELECT name, start_time, end_time, sharelink FROM " + family.table + " ORDER BY 1", expected);
   }
   expectNoMessages();
@@ -205,7 +207,9 @@ TEST_P(PersonalCollections, GainTheMembersTheyLack) {
   for (const Family& family : families()) {
     SCOPED_TRACE(family.table);
     appliance::Rows videos = {{"two", path("b.avi")}};
-    if (imports()) videos.insert(videos.begin(), {"new", path("a.avi")});
+    if (imports()) {
+      videos.insert(videos.begin(), {"new", path("a.avi")});
+    }
     expectMembers(family,
                   {{"new", path("new.jpg")},
                    {"one", path("a.jpg")},
@@ -237,7 +241,9 @@ TEST_P(PersonalCollections, GoOnAfterAMemberThatFails) {
   source().exec(photo(1, "it''s.jpg") + photo(2, "bad.jpg") + photo(3, "b.jpg"));
   for (const Family* family : {&users, &admin}) {
     source().exec(collection(*family, 1, "one", "2011"));
-    for (const int media : {1, 2, 1, 3}) source().exec(member(family->photos, 1, media));
+    for (const int media : {1, 2, 1, 3}) {
+      source().exec(member(family->photos, 1, media));
+    }
   }
   EXPECT_EQ(merge().status, 0);
   const std::string quoted = failedToExec("SELECT id FROM photo_image WHERE path = '" + path("it's.jpg") + "'",
@@ -346,7 +352,9 @@ TEST_P(CollectionRoutine, EndsAtAQuoteInAnyColumn) {
   for (const std::string column : {"is_shared", "start_time", "end_time", "sharelink", "create_date", "hidden"}) {
     SCOPED_TRACE(column);
     live().exec("DELETE FROM " + users.table);
-    if (overwrites()) live().exec(collection(users, 100, "bad", "2001"));
+    if (overwrites()) {
+      live().exec(collection(users, 100, "bad", "2001"));
+    }
     source().exec("DELETE FROM " + users.table + ";" + collection(users, 2, "bad", "2002") + "UPDATE " + users.table +
                   " SET " + column + " = 'it''s';" + collection(users, 3, "then", "2003"));
     EXPECT_EQ(call(merging(users.table)), -3);

@@ -93,7 +93,9 @@ const std::vector<BadRow> kBadRows = {
 
 std::string literal(const std::string& text) {
   std::string quoted = "'";
-  for (const char letter : text) quoted.append(letter == '\'' ? 2 : 1, letter);
+  for (const char letter : text) {
+    quoted.append(letter == '\'' ? 2 : 1, letter);
+  }
   return quoted + "'";
 }
 
@@ -127,7 +129,9 @@ class Filler {
         return literal(std::string(9000, 'y'));
       case 1: {
         std::string accents = "x";
-        for (int letter = 0; letter < 5000; ++letter) accents += "\xc3\xa9";
+        for (int letter = 0; letter < 5000; ++letter) {
+          accents += "\xc3\xa9";
+        }
         return literal(accents);
       }
       default:
@@ -137,7 +141,9 @@ class Filler {
   // For columns that stand unescaped.
   std::string raw() {
     const int kind = below(8);
-    if (kind == 0) return "NULL";
+    if (kind == 0) {
+      return "NULL";
+    }
     return literal(kind == 1 ? std::string(9000, 'z') : oneOf(kRawNames));
   }
 
@@ -149,7 +155,9 @@ class Filler {
   }
   std::vector<std::string> numbers() {
     std::vector<std::string> all;
-    for (int number = 1; number <= kNumbers; ++number) all.push_back(std::to_string(number));
+    for (int number = 1; number <= kNumbers; ++number) {
+      all.push_back(std::to_string(number));
+    }
     std::shuffle(all.begin(), all.end(), random_);
     return all;
   }
@@ -161,7 +169,9 @@ class Filler {
       rows.insert(rows.begin() + below(static_cast<int>(rows.size()) + 1), values);
     }
     // One by one, so that they lie in the table in this order.
-    for (const std::string& row : rows) database_.exec("INSERT INTO " + table + " VALUES " + row);
+    for (const std::string& row : rows) {
+      database_.exec("INSERT INTO " + table + " VALUES " + row);
+    }
     used_[table] = database_.rows("SELECT * FROM " + table);
   }
 
@@ -171,7 +181,9 @@ class Filler {
     std::vector<std::string> rows;
     const std::vector<std::string> free = numbers();
     for (const std::string& key : some(names)) {
-      if (rows.size() < free.size()) rows.push_back("(" + free[rows.size()] + ", " + values(literal(key)) + ")");
+      if (rows.size() < free.size()) {
+        rows.push_back("(" + free[rows.size()] + ", " + values(literal(key)) + ")");
+      }
     }
     insert(table, rows);
   }
@@ -179,14 +191,18 @@ class Filler {
   template <typename Values>
   void insertSome(const std::string& table, int most, const Values& values) {
     std::vector<std::string> rows;
-    for (int count = below(most + 1); count > 0; --count) rows.push_back("(" + values(rows.size() + 1) + ")");
+    for (int count = below(most + 1); count > 0; --count) {
+      rows.push_back("(" + values(rows.size() + 1) + ")");
+    }
     insert(table, rows);
   }
 
   // The number of a row that is there, for what cannot be merged without it; without a value when there is none.
   std::optional<std::string> existing(const std::string& table) {
     const appliance::Rows& rows = used_.at(table);
-    if (rows.empty()) return std::nullopt;
+    if (rows.empty()) {
+      return std::nullopt;
+    }
     return rows[static_cast<std::size_t>(below(static_cast<int>(rows.size())))][0];
   }
   // On the live side nothing refers to numbers beyond the highest, which the next row gets.
@@ -221,9 +237,15 @@ class Filler {
 
   void fillMedia() {
     std::vector<std::string> photos;
-    for (const std::string& photo : kPhotos) photos.push_back(kRoot + photo);
+    photos.reserve(kPhotos.size());
+    for (const std::string& photo : kPhotos) {
+      photos.push_back(kRoot + photo);
+    }
     std::vector<std::string> videos;
-    for (const std::string& video : kVideos) videos.push_back(kRoot + video);
+    videos.reserve(kVideos.size());
+    for (const std::string& video : kVideos) {
+      videos.push_back(kRoot + video);
+    }
     insertNamed("photo_image", photos, [this](const std::string& key) {
       return key + ", " + text() + ", " + text() + ", " + text() + ", " + text() + ", " + number() + ", " + number() +
              ", " + number() + ", " + text() + ", " + text() + ", " + raw() + ", " + raw() + ", " + number() + ", " +
@@ -318,7 +340,9 @@ std::vector<Told> tell(appliance::Database& database, const named::Table& table)
        database.rows("SELECT " + row + "::text, " + table.sql.substr(7) + " ORDER BY " + row + ".ctid")) {
     const std::string whole = columns.front();
     columns.erase(columns.begin());
-    for (std::string& column : columns) column = column == "(null)" ? "" : column;
+    for (std::string& column : columns) {
+      column = column == "(null)" ? "" : column;
+    }
     all.push_back({whole, columns});
   }
   return all;
@@ -326,7 +350,9 @@ std::vector<Told> tell(appliance::Database& database, const named::Table& table)
 
 std::map<std::string, std::vector<Told>> tellAll(appliance::Database& database) {
   std::map<std::string, std::vector<Told>> all;
-  for (const named::Table& table : named::tables()) all[table.name] = tell(database, table);
+  for (const named::Table& table : named::tables()) {
+    all[table.name] = tell(database, table);
+  }
   return all;
 }
 
@@ -340,7 +366,9 @@ std::set<Row> resolved(const named::Rows& rows) {
 
 Row keyOf(const std::string& table, const Row& columns) {
   Row key;
-  for (const std::size_t column : kKeys.at(table)) key.push_back(columns[column]);
+  for (const std::size_t column : kKeys.at(table)) {
+    key.push_back(columns[column]);
+  }
   return key;
 }
 
@@ -352,16 +380,24 @@ const named::Table& tableOf(const std::string& name) {
 // Whether a row of the source can be merged at all: media and shares must be there.
 bool isReachable(const std::string& table, const Row& columns) {
   namespace fs = std::filesystem;
-  if (dangles(columns)) return false;
-  if (table == "photo_share") return fs::exists(kRoot + columns[0]);
-  if (columns[0].rfind(kRoot, 0) == 0) return fs::exists(columns[0]);
+  if (dangles(columns)) {
+    return false;
+  }
+  if (table == "photo_share") {
+    return fs::exists(kRoot + columns[0]);
+  }
+  if (columns[0].rfind(kRoot, 0) == 0) {
+    return fs::exists(columns[0]);
+  }
   return true;
 }
 
 std::set<Row> carriedKeys(const std::string& table, const named::Rows& carried) {
   std::set<Row> keys;
   for (const Row& row : carried) {
-    if (isReachable(table, row)) keys.insert(keyOf(table, row));
+    if (isReachable(table, row)) {
+      keys.insert(keyOf(table, row));
+    }
   }
   return keys;
 }
@@ -373,8 +409,12 @@ bool isHostAccountTable(const std::string& table) {
 // Whose rows a table holds, where an overwriting merge replaces all rows of a user or group; otherwise the table
 // itself.
 std::string ownerOf(const std::string& table) {
-  if (isHostAccountTable(table)) return table;
-  if (table.find("_right") != std::string::npos) return "photo_user";
+  if (isHostAccountTable(table)) {
+    return table;
+  }
+  if (table.find("_right") != std::string::npos) {
+    return "photo_user";
+  }
   return table == "photo_group_permission" || table == "photo_user_group" ? "photo_group" : table;
 }
 
@@ -400,7 +440,9 @@ class RandomRows : public appliance::MergeTest {
     }
     for (const auto& media : {kPhotos, kVideos}) {
       for (const std::string& file : media) {
-        if (file.rfind("gone", 0) != 0) appliance::writeFile(kRoot + file, "x");
+        if (file.rfind("gone", 0) != 0) {
+          appliance::writeFile(kRoot + file, "x");
+        }
       }
     }
     appliance::writeFile(kRoot + "trips/bad.jpg", "x");
@@ -409,7 +451,9 @@ class RandomRows : public appliance::MergeTest {
   void fillBoth(unsigned seed, const BadRow* bad) {
     for (appliance::Database* database : {&live(), &source()}) {
       std::string all = "video";
-      for (const std::string& table : appliance::tableNames()) all += ", " + table;
+      for (const std::string& table : appliance::tableNames()) {
+        all += ", " + table;
+      }
       database->exec("TRUNCATE " + all);
     }
     Filler(live(), 2 * seed, true, nullptr).fill();
@@ -424,7 +468,9 @@ class RandomRows : public appliance::MergeTest {
   }
 
   bool isProtected(const std::string& table, const Told& row) const {
-    if (!overwrites() || (kKeys.count(table) == 0 && table != "category_items")) return true;
+    if (!overwrites() || (kKeys.count(table) == 0 && table != "category_items")) {
+      return true;
+    }
     if (table != "category_items") {
       const named::Rows& owners = carried_.at(ownerOf(table));
       const Row key = keyOf(table, row.columns);
@@ -445,12 +491,18 @@ class RandomRows : public appliance::MergeTest {
     EXPECT_EQ(live().rows("SELECT * FROM video ORDER BY 1"), otherTables_);
     for (const auto& [table, rows] : before_) {
       std::multiset<std::string> found;
-      for (const Told& row : after.at(table)) found.insert(row.whole);
+      for (const Told& row : after.at(table)) {
+        found.insert(row.whole);
+      }
       for (const Told& row : rows) {
-        if (!isProtected(table, row)) continue;
+        if (!isProtected(table, row)) {
+          continue;
+        }
         const auto place = found.find(row.whole);
         EXPECT_TRUE(place != found.end()) << table << " lost or changed " << row.whole.substr(0, 300);
-        if (place != found.end()) found.erase(place);
+        if (place != found.end()) {
+          found.erase(place);
+        }
       }
     }
   }
@@ -459,7 +511,9 @@ class RandomRows : public appliance::MergeTest {
   void expectNewRowsFromTheSource(const std::map<std::string, std::vector<Told>>& after) {
     for (const auto& [table, rows] : after) {
       std::multiset<std::string> old;
-      for (const Told& row : before_.at(table)) old.insert(row.whole);
+      for (const Told& row : before_.at(table)) {
+        old.insert(row.whole);
+      }
       const std::set<Row> told(carried_.at(table).begin(), carried_.at(table).end());
       for (const Told& row : rows) {
         const auto place = old.find(row.whole);
@@ -477,16 +531,22 @@ class RandomRows : public appliance::MergeTest {
 
   void expectEverythingCarried(const named::Tables& after) {
     for (const auto& [table, keyColumns] : kKeys) {
-      if (isHostAccountTable(table) || ownerOf(table) != table) continue;
+      if (isHostAccountTable(table) || ownerOf(table) != table) {
+        continue;
+      }
       std::set<Row> found;
-      for (const Row& row : after.at(table)) found.insert(keyOf(table, row));
+      for (const Row& row : after.at(table)) {
+        found.insert(keyOf(table, row));
+      }
       for (const Row& key : carriedKeys(table, carried_.at(table))) {
         EXPECT_EQ(found.count(key), 1U) << table << " lacks " << testing::PrintToString(key).substr(0, 300);
       }
     }
     for (const auto& [table, rows] : carried_) {
       const bool isPhotoMember = table.rfind("photo_personal_collection_photo", 0) == 0;
-      if (!isPhotoMember && !(ownerOf(table) != table && overwrites())) continue;
+      if (!isPhotoMember && !(ownerOf(table) != table && overwrites())) {
+        continue;
+      }
       const std::set<Row> found(after.at(table).begin(), after.at(table).end());
       for (const Row& row : rows) {
         // A path with a quote breaks the statement that looks a member up.
@@ -500,7 +560,9 @@ class RandomRows : public appliance::MergeTest {
 
   // Users, groups and collections are always carried; shares and photos only where they have files.
   static bool hasCounterparts(const std::string& table, const Row& row, const named::Tables& after) {
-    if (table == "photo_user_group") return true;
+    if (table == "photo_user_group") {
+      return true;
+    }
     const named::Rows& targets = after.at(row[1].rfind(kRoot, 0) == 0 ? "photo_image" : "photo_share");
     return std::any_of(targets.begin(), targets.end(), [&row](const Row& target) { return target[0] == row[1]; });
   }
@@ -511,7 +573,9 @@ class RandomRows : public appliance::MergeTest {
     auto rowsNow = appliance::contents("photo");
     for (const auto& [table, told] : second) {
       // Items are looked for by the source's category number and added under the live one.
-      if (table == "category_items") continue;
+      if (table == "category_items") {
+        continue;
+      }
       if (!overwrites()) {
         EXPECT_EQ(rowsNow[table], rows.at(table)) << table;
       }
@@ -526,9 +590,13 @@ class RandomRows : public appliance::MergeTest {
   // The rows before the bad one are there, those behind it only where they were before.
   void expectOnlyRowsBefore(const BadRow& bad, const std::vector<Told>& after) {
     std::set<Row> allowed;
-    for (const Told& row : before_.at(bad.table)) allowed.insert(keyOf(bad.table, row.columns));
+    for (const Told& row : before_.at(bad.table)) {
+      allowed.insert(keyOf(bad.table, row.columns));
+    }
     std::set<Row> found;
-    for (const Told& row : after) found.insert(keyOf(bad.table, row.columns));
+    for (const Told& row : after) {
+      found.insert(keyOf(bad.table, row.columns));
+    }
     const named::Table& table = tableOf(bad.table);
     bool isBehind = false;
     for (const Told& row : tell(source(), table)) {

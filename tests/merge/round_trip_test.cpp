@@ -51,7 +51,9 @@ class RoundTrip : public appliance::MergeTest {
   static std::set<std::string> numbers(appliance::Database& database) {
     std::set<std::string> all;
     for (const auto& [table, column] : numberedTables()) {
-      for (const auto& row : database.rows("SELECT " + column + " FROM " + table)) all.insert(table + " " + row[0]);
+      for (const auto& row : database.rows("SELECT " + column + " FROM " + table)) {
+        all.insert(table + " " + row[0]);
+      }
     }
     return all;
   }
@@ -62,13 +64,19 @@ class RoundTrip : public appliance::MergeTest {
 
   // Carries everything into empty tables: by a backup, the loss of all rows and a restore, or by an import.
   appliance::Outcome carryAll() {
-    if (imports()) return merge();
+    if (imports()) {
+      return merge();
+    }
     EXPECT_EQ(run({"-b", workDirectory()}).status, 0);
     std::string all;
-    for (const std::string& table : appliance::tableNames()) all += (all.empty() ? "" : ", ") + table;
+    for (const std::string& table : appliance::tableNames()) {
+      all += (all.empty() ? "" : ", ") + table;
+    }
     live().exec("TRUNCATE " + all);
     std::vector<std::string> arguments = {"-r", workDirectory()};
-    if (overwrites()) arguments.push_back("-o");
+    if (overwrites()) {
+      arguments.emplace_back("-o");
+    }
     return run(arguments);
   }
 };
@@ -88,7 +96,9 @@ TEST_P(RoundTrip, BringsEveryRowBackWithLinksToTheSameNames) {
   named::Tables expected = named::rows(filled);
   const std::set<std::string> before = numbers(filled);
   ASSERT_EQ(expected.size(), 33U);
-  for (const auto& [table, rows] : expected) ASSERT_FALSE(rows.empty()) << table;
+  for (const auto& [table, rows] : expected) {
+    ASSERT_FALSE(rows.empty()) << table;
+  }
 
   EXPECT_EQ(carryAll().status, 0);
 
@@ -104,13 +114,19 @@ TEST_P(RoundTrip, BringsEveryRowBackWithLinksToTheSameNames) {
     }
     expectMessages(messages);
     for (auto& [table, rows] : expected) {
-      if (named::isVideoMember(table)) rows.clear();
+      if (named::isVideoMember(table)) {
+        rows.clear();
+      }
     }
   }
   named::Tables found = named::rows(live());
-  for (const auto& [table, rows] : expected) EXPECT_EQ(found[table], rows) << table;
+  for (const auto& [table, rows] : expected) {
+    EXPECT_EQ(found[table], rows) << table;
+  }
 
-  for (const std::string& number : numbers(live())) EXPECT_EQ(before.count(number), 0U) << number;
+  for (const std::string& number : numbers(live())) {
+    EXPECT_EQ(before.count(number), 0U) << number;
+  }
   EXPECT_EQ(appliance::readFile(kSmartAlbums),
             smartAlbums(labels("'s paris', 's o''hara'"), labels("'s paris'"), labels("'s sun'"),
                         live().value("SELECT string_agg(shareid::text, ',') FROM photo_share WHERE sharename IN ('s "

@@ -111,7 +111,9 @@ TEST_P(Shares, CutValuesToTheirCapacities) {
       "(2, 'home', repeat('t', 8190) || 'é', repeat('d', 8190) || 'é', 'f', '1 + 1', repeat('c', 8190) || 'é', 'f', "
       "'f', 'f', repeat('p', 8190) || 'é'), "
       "(3, 'new', repeat('''', 9000), repeat('''', 9000), 'f', '0', repeat('''', 9000), 'f', 'f', 'f', '')");
-  if (overwrites()) live().exec("INSERT INTO photo_share (shareid, sharename) VALUES (1, 'trip'), (2, 'home')");
+  if (overwrites()) {
+    live().exec("INSERT INTO photo_share (shareid, sharename) VALUES (1, 'trip'), (2, 'home')");
+  }
   EXPECT_EQ(merge().status, 0);
   expectRows(live(),
              "SELECT octet_length(title), right(title, 1), octet_length(description), right(description, 1), public, "
@@ -169,7 +171,7 @@ TEST_P(Shares, TakeOneAsTheNumberWhenTheHighestCannotBeRead) {
                   failedToExec("Insert into photo_share "
                                "(shareid,sharename,title,description,public,hits,cover,comment,is_subdir,password,"
                                "conversion) Values (1, 'trip', '', '', 't', 0, '', 't', 't', '', 't')",
-                               "ERROR:  column \"shareid\" of relation \"photo_share\" does not exist"),
+                               R"(ERROR:  column "shareid" of relation "photo_share" does not exist)"),
                   "Table photo_share sync failed.\n"});
   expectRows(live(), "SELECT number, sharename FROM photo_share", {{"1", "a"}});
 }

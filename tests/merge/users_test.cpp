@@ -106,10 +106,14 @@ TEST_P(Users, LoseTheRightsThatTheSourceDoesNotHaveWhenOverwritten) {
   live().exec(
       "INSERT INTO photo_share (shareid, sharename) VALUES (1, 'a'); INSERT INTO photo_user (userid, username) VALUES "
       "(5, 'both')");
-  for (const std::string table : kRightTables) live().exec("INSERT INTO " + table + " VALUES (5, 1, '2001-01-01')");
+  for (const std::string table : kRightTables) {
+    live().exec("INSERT INTO " + table + " VALUES (5, 1, '2001-01-01')");
+  }
   source().exec("INSERT INTO photo_user VALUES (6, 'both', '', '', false, false, false, '')");
   EXPECT_EQ(merge().status, 0);
-  for (const char* table : kRightTables) EXPECT_EQ(live().count(table), overwrites() ? 0 : 1) << table;
+  for (const char* table : kRightTables) {
+    EXPECT_EQ(live().count(table), overwrites() ? 0 : 1) << table;
+  }
 }
 
 TEST_P(Users, HaveValuesCutToTheirCapacities) {
@@ -141,7 +145,9 @@ TEST_P(Users, HaveValuesCutToTheirCapacities) {
   const std::string t31(31, 't');
   appliance::Rows expected = {{"3", u, u, u, t30, t30, t30, u}, {"4", v, std::string(1023, '\''), v, t29, t29, t29, v}};
   const std::string name(1023, 'o');
-  if (overwrites()) expected.insert(expected.begin(), {"1", name, "saved", p, t31, t31, t31, p});
+  if (overwrites()) {
+    expected.insert(expected.begin(), {"1", name, "saved", p, t31, t31, t31, p});
+  }
   expectRows(live(), "SELECT * FROM photo_user WHERE password <> '' ORDER BY userid", expected);
   for (const char* table : kRightTables) {
     expectRights(table, {{"3", "1", std::string(62, 'd')}, {"4", "1", std::string(61, 'd') + "é"}});
@@ -157,9 +163,13 @@ TEST_P(Users, CutTheNameOfARightsShareToItsCapacity) {
       "DROP INDEX photo_share_sharename_index;"
       "INSERT INTO photo_share (shareid, sharename) VALUES (9, repeat('s', 9000));"
       "INSERT INTO photo_user VALUES (6, 'new', '', '', false, false, false, '')");
-  for (const std::string table : kRightTables) source().exec("INSERT INTO " + table + " VALUES (6, 9, '2001-01-01')");
+  for (const std::string table : kRightTables) {
+    source().exec("INSERT INTO " + table + " VALUES (6, 9, '2001-01-01')");
+  }
   EXPECT_EQ(merge().status, 0);
-  for (const char* table : kRightTables) expectRights(table, {{"1", "4", "2001-01-01 00:00:00"}});
+  for (const char* table : kRightTables) {
+    expectRights(table, {{"1", "4", "2001-01-01 00:00:00"}});
+  }
 }
 
 TEST_P(Users, CutLiveNumbersToTheirCapacities) {

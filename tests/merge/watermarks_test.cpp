@@ -155,7 +155,9 @@ TEST_P(WatermarkRoutine, EndsAtANullNumberOrAQuoteInAnyColumn) {
   for (const Case& one : cases) {
     SCOPED_TRACE(one.column);
     live().exec("DELETE FROM watermark");
-    if (overwrites()) live().exec("INSERT INTO watermark VALUES (2, 'live', 1, 2, 3, '', 4, false)");
+    if (overwrites()) {
+      live().exec("INSERT INTO watermark VALUES (2, 'live', 1, 2, 3, '', 4, false)");
+    }
     source().exec(
         "DELETE FROM watermark; INSERT INTO watermark VALUES (2, 'saved', 1, 2, 3, '', 4, true);"
         "UPDATE watermark SET " +

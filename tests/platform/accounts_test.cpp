@@ -75,7 +75,9 @@ TEST_F(HostAccounts, AreAskedOfTheHostEveryTime) {
 
 TEST_F(HostAccounts, MayHaveEntriesOfAnyLength) {
   std::string members = "member0";
-  for (int number = 1; number < 20000; ++number) members += ",member" + std::to_string(number);
+  for (int number = 1; number < 20000; ++number) {
+    members += ",member" + std::to_string(number);
+  }
   appliance::writeFile("/etc/group", "crowd:x:70000:" + members + "\n");
   appliance::writeFile("/etc/passwd", "talker:x:70001:1:" + std::string(100000, 'x') + ":/:/bin/sh\n");
   EXPECT_EQ(groupNamed("crowd"), "70000 crowd");

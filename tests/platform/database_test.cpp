@@ -1,9 +1,9 @@
 #include "platform/database.h"
 
 #include <libpq-fe.h>
-#include <signal.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
@@ -18,7 +18,6 @@ namespace {
 
 using appliance::Rows;
 using testing::AllOf;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -26,7 +25,9 @@ using testing::Not;
 class Variable {
  public:
   Variable(const char* name, const char* value) : name_(name) {
-    if (const char* before = getenv(name)) before_ = before;
+    if (const char* before = getenv(name)) {
+      before_ = before;
+    }
     setenv(name, value, 1);
   }
   Variable(const Variable&) = delete;
@@ -75,7 +76,9 @@ class DatabaseAccess : public appliance::ToolTest {
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
       std::error_code gone;
       const std::string target = std::filesystem::read_symlink(entry, gone);
-      if (!gone && target.rfind(directory, 0) == 0 && target.find("(deleted)") != std::string::npos) ++count;
+      if (!gone && target.rfind(directory, 0) == 0 && target.find("(deleted)") != std::string::npos) {
+        ++count;
+      }
     }
     return count;
   }
@@ -132,7 +135,8 @@ TEST_F(DatabaseAccess, MergesDatesWhateverStyleTheEnvironmentAsksFor) {
 }
 
 TEST_F(DatabaseAccess, GoesToTheServerOfTheEnvironment) {
-  const std::string right = getenv("PGHOST");
+  const char* const host = getenv("PGHOST");
+  const std::string right = host != nullptr ? host : "";
   {
     const Variable nowhere("PGHOST", "/tmp/no_server_here");
     EXPECT_FALSE(connectTo("photo"));
@@ -313,7 +317,7 @@ TEST_F(DatabaseAccess, SaysThatTheServerWentAway) {
 
 TEST_F(DatabaseAccess, EscapesTexts) {
   const std::vector<std::pair<const char*, const char*>> cases = {
-      {"", ""},        {"plain", "plain"}, {"'", "''"}, {"it's 'x'", "it''s ''x''"}, {"a\\'b\\\\", "a\\''b\\\\"},
+      {"", ""},        {"plain", "plain"}, {"'", "''"}, {"it's 'x'", "it''s ''x''"}, {R"(a\'b\\)", R"(a\''b\\)"},
       {"%s%n", "%s%n"}};
   const Connection connection = connectTo("photo");
   for (const auto& [text, expected] : cases) {

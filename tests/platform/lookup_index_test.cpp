@@ -1,9 +1,9 @@
 #include "platform/lookup_index.h"
 
-#include <signal.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -38,7 +38,9 @@ class LookupIndex : public appliance::ToolTest {
   static void waitUntil(appliance::Database& database, const std::string& query) {
     const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (database.value(query) != "t") {
-      if (std::chrono::steady_clock::now() > limit) throw std::runtime_error("never true: " + query);
+      if (std::chrono::steady_clock::now() > limit) {
+        throw std::runtime_error("never true: " + query);
+      }
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
   }
@@ -55,7 +57,9 @@ TEST_F(LookupIndex, ExistsOnlyInsideItsTransaction) {
     ASSERT_TRUE(fetchRow(own));
     EXPECT_EQ(fieldText(own, "count"), "1");
     EXPECT_EQ(live().value(kIndexes), "0");
-    if (std::string(ending) == "COMMIT") dropLookupIndex(connection.get());
+    if (std::string(ending) == "COMMIT") {
+      dropLookupIndex(connection.get());
+    }
     ASSERT_TRUE(execute(connection.get(), ending));
     EXPECT_EQ(live().value(kIndexes), "0");
   }

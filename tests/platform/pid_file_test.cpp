@@ -25,7 +25,9 @@ class PidFile : public appliance::ToolTest {
 template <typename Work>
 int statusOfChild(Work work) {
   const pid_t child = fork();
-  if (child == 0) _exit(work());
+  if (child == 0) {
+    _exit(work());
+  }
   int status = -1;
   waitpid(child, &status, 0);
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -39,7 +41,9 @@ TEST_F(PidFile, NamesALivingProcess) {
 
 TEST_F(PidFile, NamesAProcessThatEnded) {
   const pid_t child = fork();
-  if (child == 0) _exit(0);
+  if (child == 0) {
+    _exit(0);
+  }
   ASSERT_EQ(waitpid(child, nullptr, 0), child);
   EXPECT_FALSE(isAlive(std::to_string(child)));
 }
@@ -47,7 +51,9 @@ TEST_F(PidFile, NamesAProcessThatEnded) {
 TEST_F(PidFile, NamesALivingProcessOfAnotherUser) {
   appliance::writeFile(kFile, std::to_string(geteuid() == 0 ? getpid() : 1));
   const int alive = statusOfChild([] {
-    if (geteuid() == 0 && setresuid(kNobody, kNobody, kNobody) != 0) return 2;
+    if (geteuid() == 0 && setresuid(kNobody, kNobody, kNobody) != 0) {
+      return 2;
+    }
     return KLIBCProcAliveByPidFile(kFile) ? 1 : 0;
   });
   EXPECT_EQ(alive, 1);

@@ -2,11 +2,11 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <memory>
 #include <set>
 #include <sstream>
@@ -32,7 +32,9 @@ constexpr const char* kRecord = "{ printf '[%s]' \"$0\" \"$@\"; echo; } >> /tmp/
 std::vector<std::string> lines(const std::string& text) {
   std::istringstream stream(text);
   std::vector<std::string> all;
-  for (std::string line; std::getline(stream, line);) all.push_back(line);
+  for (std::string line; std::getline(stream, line);) {
+    all.push_back(line);
+  }
   return all;
 }
 
@@ -72,14 +74,14 @@ class Runner : public appliance::ToolTest {
 
 TEST_F(Runner, HandsOnEveryArgumentAsOneElement) {
   const std::string statement = "ALTER TABLE \"a b\" SET x = 'it''s' ; $HOME `id` * \\ \"\n\t\u00e9";
-  const char* program = script("for argument in \"$@\"; do printf '<%s>' \"$argument\"; done");
+  const char* program = script(R"(for argument in "$@"; do printf '<%s>' "$argument"; done)");
   ProcessRunner runner(program, program, "", statement.c_str(), "-c");
   runner.addArguments("last", "");
   EXPECT_EQ(outputOf(runner), "<><" + statement + "><-c><last><>");
 }
 
 TEST_F(Runner, GivesArgumentZeroAsItStands) {
-  ProcessRunner runner("/bin/sh", "another name", "-c", "echo \"$0\"; cat /proc/$$/cmdline | tr '\\0' '|'");
+  ProcessRunner runner("/bin/sh", "another name", "-c", R"(echo "$0"; cat /proc/$$/cmdline | tr '\0' '|')");
   EXPECT_EQ(outputOf(runner), "another name\nanother name|-c|echo \"$0\"; cat /proc/$$/cmdline | tr '\\0' '|'|");
 }
 
@@ -178,7 +180,9 @@ std::set<std::string> inheritedDescriptors() {
   const Directory directory(opendir("/proc/self/fd"));
   while (const dirent* entry = readdir(directory.get())) {
     const int flags = fcntl(atoi(entry->d_name), F_GETFD);
-    if (entry->d_name[0] != '.' && flags >= 0 && (flags & FD_CLOEXEC) == 0) inherited.insert(entry->d_name);
+    if (entry->d_name[0] != '.' && flags >= 0 && (flags & FD_CLOEXEC) == 0) {
+      inherited.insert(entry->d_name);
+    }
   }
   return inherited;
 }
@@ -205,7 +209,7 @@ TEST_F(Runner, LeaksNoDescriptorOfARestoreIntoItsPrograms) {
   appliance::makeArchive(appliance::workDirectory(), "other");
   // The load and the primary keys run while the connection is open.
   for (const char* path : {"/usr/bin/pg_restore", "/usr/bin/psql"}) {
-    appliance::replaceProgram(path, "ls /proc/self/fd >> /tmp/descriptors; exec \"$REAL\" \"$@\"");
+    appliance::replaceProgram(path, R"(ls /proc/self/fd >> /tmp/descriptors; exec "$REAL" "$@")");
   }
   EXPECT_EQ(run({"-r", appliance::workDirectory()}).status, 0);
   expectNoMessages();
@@ -248,7 +252,9 @@ TEST_F(Runner, IsNotDisturbedByInterruptions) {
 }
 
 TEST_F(Runner, LeavesNoEndedChildBehind) {
-  for (const bool capture : {false, true}) EXPECT_EQ(statusOf("exit 0", capture), 0);
+  for (const bool capture : {false, true}) {
+    EXPECT_EQ(statusOf("exit 0", capture), 0);
+  }
   ProcessRunner missing("/tmp/missing", "/tmp/missing");
   EXPECT_LT(missing.run(true, true), 0);
   const std::string children = appliance::readFile("/proc/self/task/" + std::to_string(getpid()) + "/children");
@@ -289,7 +295,9 @@ TEST_F(Runner, RunsTheseCommandsInABackup) {
                        "_bak;]");
   }
   std::string dump = "[/usr/bin/pg_dump][-U][postgres][-F][c][-d][photo]";
-  for (const std::string& table : appliance::tableNames()) dump += "[-t][" + table + "_bak]";
+  for (const std::string& table : appliance::tableNames()) {
+    dump += "[-t][" + table + "_bak]";
+  }
   expected.push_back(dump + "[-f][/tmp/backup/kavophoto_backup.dump]");
   expected.emplace_back("[/bin/cp][-pf][/var/packages/Lumora/etc/blog/style sheet.css][/tmp/backup/theme_bak]");
   expected.emplace_back("[/bin/cp][/var/packages/Lumora/etc/settings.conf][/tmp/backup/settings.conf.bak]");
@@ -316,7 +324,9 @@ TEST_F(Runner, RunsTheseCommandsInARestore) {
     appliance::removeAll("/var/packages/Lumora/etc/blog/new theme.css");
     appliance::removeAll(kCalls);
     std::vector<std::string> arguments = {"-r", "/tmp/backup/"};
-    if (overwrite) arguments.emplace_back("-o");
+    if (overwrite) {
+      arguments.emplace_back("-o");
+    }
     EXPECT_EQ(run(arguments).status, 0);
     expectNoMessages();
     const std::string psql = "[/usr/bin/psql][photo][-U][postgres][-c]";

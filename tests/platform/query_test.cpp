@@ -56,6 +56,33 @@ TEST_F(Query, FailsWithoutAConnection) {
   expectMessages({"Failed to exec [Select 1] (no connection)"});
 }
 
+TEST_F(Query, TellsRawValuesThatKeepTheirPlace) {
+  EXPECT_TRUE(keepTheirPlace({{"", "plain", "o''neil", "''", "x; y", "-- no comment"}, {"", "1", "-2.5e+3", "1 + 1"}}));
+  for (const char* const value : {"'", "'''", "o'neil", "x' --", "t' or 't'='t", "o''neil'"}) {
+    EXPECT_FALSE(keepTheirPlace({{value}, {}})) << value;
+  }
+  for (const char* const value : {"1 --", "1 or true", "(1)", "1; 2", "'1'", "1/2", "pg_sleep"}) {
+    EXPECT_FALSE(keepTheirPlace({{}, {value}})) << value;
+  }
+  appliance::checked();
+}
+
+TEST_F(Query, DoesNotRunAStatementWhoseRawValueWouldEndItsPlace) {
+  ASSERT_TRUE(execute(connection_.get(), "Insert into photo_group Values (1, 'a', 'b')"));
+  const std::string value = "c' --";
+  const std::string statement = "Update photo_group set description = '" + value + "' where groupid = 2";
+  EXPECT_FALSE(execute(connection_.get(), statement, RawValues{{value}, {}}));
+  EXPECT_FALSE(execute(nullptr, statement, RawValues{{value}, {}}));
+  const std::string number = "1 or";
+  EXPECT_FALSE(
+      execute(connection_.get(), "Delete from photo_group where groupid = " + number, RawValues{{}, {number}}));
+  expectMessages(
+      {"Failed to exec [" + statement + "] (ERROR:  a value would end its own place in the statement)",
+       "Failed to exec [" + statement + "] (no connection)",
+       "Failed to exec [Delete from photo_group where groupid = 1 or] (ERROR:  syntax error at end of input)"});
+  expectRows(live(), "SELECT description FROM photo_group", {{"b"}});
+}
+
 TEST_F(Query, ReadsTheRowsOfItsLatestStatement) {
   Result result;
   ASSERT_TRUE(execute(connection_.get(), "SELECT i FROM generate_series(1, 3) i", result));
@@ -87,7 +114,7 @@ TEST_F(Query, CutsAFieldToItsBuffer) {
 }
 
 TEST_F(Query, EscapesATextForUseInsideQuotes) {
-  const std::string text = "it's \\ \"%s\" ''";
+  const std::string text = R"(it's \ "%s" '')";
   EXPECT_EQ(escapeText(text), "it''s \\ \"%s\" ''''");
   Result result;
   ASSERT_TRUE(execute(connection_.get(), "SELECT '" + escapeText(text) + "' AS text", result));

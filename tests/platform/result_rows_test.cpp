@@ -1,8 +1,8 @@
 #include "platform/result_rows.h"
 
 #include <fcntl.h>
-#include <stdlib.h>
 
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -36,7 +36,9 @@ class ResultRowsTest : public appliance::ToolTest {
     for (std::size_t size = 0; size < bytes; ++number) {
       const std::vector<std::string> texts = row(number);
       appendRow(rows, {texts.begin(), texts.end()});
-      for (const std::string& text : texts) size += text.size() + 1;
+      for (const std::string& text : texts) {
+        size += text.size() + 1;
+      }
     }
     return number;
   }
@@ -97,7 +99,9 @@ TEST_F(ResultRowsTest, MayBeLargerThanAPieceEach) {
 
 TEST_F(ResultRowsTest, MayHaveNoFields) {
   ResultRows rows;
-  for (int number = 0; number < 200000; ++number) appendRow(rows, {});
+  for (int number = 0; number < 200000; ++number) {
+    appendRow(rows, {});
+  }
   for (int number = 0; number < 200000; ++number) {
     ASSERT_TRUE(nextRow(rows));
     ASSERT_TRUE(rows.fields.empty());
@@ -162,7 +166,9 @@ TEST_F(ResultRowsTest, LeaveNothingBehind) {
 TEST_F(ResultRowsTest, ReportAFileThatCannotBeReadBack) {
   ResultRows rows;
   append(rows, kLarge);
-  while (rows.headRead < rows.head.size()) ASSERT_TRUE(nextRow(rows));
+  while (rows.headRead < rows.head.size()) {
+    ASSERT_TRUE(nextRow(rows));
+  }
   rows.file.reset(open("/tmp", O_RDONLY | O_CLOEXEC));
   EXPECT_FALSE(nextRow(rows));
   expectMessages({"Failed to read a result back from its temporary file (Is a directory)"});

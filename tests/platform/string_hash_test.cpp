@@ -11,7 +11,9 @@ using testing::StrEq;
 
 TEST(StringHash, KeepsTheOrderInWhichItsKeysCame) {
   const SzHashHandle hash = KLIBCSzHashAlloc(512);
-  for (const char* key : {"zebra", "", "ape", "newt"}) KLIBCSzHashSetValue(*hash, key, "x");
+  for (const char* key : {"zebra", "", "ape", "newt"}) {
+    KLIBCSzHashSetValue(*hash, key, "x");
+  }
   const SzListHandle keys = KLIBCSzListAlloc(2000);
   keys->push_back("before");
   KLIBCSzHashEnumKey(*hash, *keys);

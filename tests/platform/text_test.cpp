@@ -17,7 +17,9 @@ TEST(Text, CutsAtTheCapacityLessOneByte) {
   const std::vector<Cut> cuts = {
       {"abc", 5, "abc"}, {"abc", 4, "abc"}, {"abc", 3, "ab"}, {"abc", 1, ""}, {"abc", 0, ""}, {"", 1, ""},
   };
-  for (const Cut& cut : cuts) EXPECT_EQ(cutText(cut.text, cut.capacity), cut.kept) << cut.capacity;
+  for (const Cut& cut : cuts) {
+    EXPECT_EQ(cutText(cut.text, cut.capacity), cut.kept) << cut.capacity;
+  }
 }
 
 TEST(Text, NeverCutsInsideACharacter) {
@@ -29,7 +31,9 @@ TEST(Text, NeverCutsInsideACharacter) {
       {euros, 5, "\u20ac"},    {euros, 4, "\u20ac"}, {euros, 3, ""},     {euros, 2, ""},    {face, 6, face},
       {face, 5, "x"},          {face, 4, "x"},       {face, 3, "x"},     {face, 2, "x"},
   };
-  for (const Cut& cut : cuts) EXPECT_EQ(cutText(cut.text, cut.capacity), cut.kept) << cut.text << cut.capacity;
+  for (const Cut& cut : cuts) {
+    EXPECT_EQ(cutText(cut.text, cut.capacity), cut.kept) << cut.text << cut.capacity;
+  }
 }
 
 TEST(Text, CutsBytesThatAreNoCharactersOneByOne) {

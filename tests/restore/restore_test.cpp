@@ -18,7 +18,6 @@ using appliance::makeArchive;
 using appliance::readFile;
 using appliance::replaceProgram;
 using appliance::Rows;
-using appliance::tableNames;
 using appliance::workDirectory;
 using appliance::writeFile;
 

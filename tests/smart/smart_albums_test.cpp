@@ -105,7 +105,9 @@ class SmartAlbums : public appliance::ToolTest {
 
   void expectNothingBeside() {
     std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(kFolder)) names.push_back(entry.path().filename());
+    for (const auto& entry : fs::directory_iterator(kFolder)) {
+      names.push_back(entry.path().filename());
+    }
     EXPECT_THAT(names, ElementsAre("KAVOPHOTO_SMART_ALBUM_CONFIG"));
   }
 
@@ -466,7 +468,9 @@ TEST_F(SmartAlbums, KeepsTheOldTextOnAFullDiskAlsoInPlace) {
   appliance::mountSmall(kFolder, 16 * 4096);
   std::string text = R"({"smart_albums":{"a":{"rule_sets":[[)";
   // Styled, a rule takes several times its room.
-  for (int rule = 0; rule < 1000; ++rule) text += R"({"field":"x","value":"1"},)";
+  for (int rule = 0; rule < 1000; ++rule) {
+    text += R"({"field":"x","value":"1"},)";
+  }
   text += R"({"field":"people","value":"1"}]]}}})";
   writeFile(kFile, text);
   fs::permissions(kFolder, fs::perms::owner_read | fs::perms::owner_exec);
@@ -543,7 +547,9 @@ TEST_F(SmartAlbums, FollowARestoreInBothModes) {
     writeFile(kFile, withRule(R"({"field":"people","value":"1"},{"field":"albums","value":"2,1"})"));
     appliance::makeArchive(workDirectory(), "other");
     std::vector<std::string> arguments = {"-r", workDirectory()};
-    if (overwrite) arguments.push_back("-o");
+    if (overwrite) {
+      arguments.emplace_back("-o");
+    }
     EXPECT_EQ(run(arguments).status, 0);
     EXPECT_EQ(annasNumber() == "7", !overwrite);
     const std::string text = readFile(kFile);

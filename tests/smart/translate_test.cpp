@@ -29,7 +29,9 @@ class TranslateIdList : public appliance::ToolTest {
     appliance::checked();
     std::string result = "before";
     const int status = KavophotoTranslateIdList(destination, source, ids, result, suffix, kind);
-    if (status == 0) return result;
+    if (status == 0) {
+      return result;
+    }
     EXPECT_EQ(status, -1);
     EXPECT_EQ(result, "before");
     return "(-1)";
@@ -201,7 +203,9 @@ TEST_F(TranslateIdList, CutsNeitherNamesNorStatements) {
   }
   EXPECT_EQ(translate("1", "albums"), "1");
   std::string all;
-  for (int id = 10000; id <= 13000; ++id) all += (all.empty() ? "" : ",") + std::to_string(id);
+  for (int id = 10000; id <= 13000; ++id) {
+    all += (all.empty() ? "" : ",") + std::to_string(id);
+  }
   EXPECT_EQ(translate(all), all);
 }
 
