@@ -163,11 +163,12 @@ void makeDevices(const std::string& root) {
     bindOrFail(std::string("/dev/") + name, dev + "/" + name);
   }
   makeFolder(dev + "/shm", 01777);
-  if (fs::exists("/dev/pts")) {
-    makeFolder(dev + "/pts");
+  // An instance of its own, because an ordinary user may not open the machine's multiplexer through a link.
+  makeFolder(dev + "/pts");
+  if (mount("devpts", (dev + "/pts").c_str(), "devpts", 0, "newinstance,ptmxmode=0666") != 0) {
     bindOver("/dev/pts", dev + "/pts");
-    fs::create_symlink("pts/ptmx", dev + "/ptmx");
   }
+  fs::create_symlink("pts/ptmx", dev + "/ptmx");
   fs::create_symlink("/proc/self/fd", dev + "/fd");
   fs::create_symlink("/proc/self/fd/0", dev + "/stdin");
   fs::create_symlink("/proc/self/fd/1", dev + "/stdout");
