@@ -85,7 +85,8 @@ void spinForReply(PGconn* connection) {
   if (!spins) {
     return;
   }
-  constexpr auto kLongest = std::chrono::microseconds(100);
+  // Longer than most look-ups take: a shorter poll would pay for the polling and for the waking as well.
+  constexpr auto kLongest = std::chrono::microseconds(200);
   const auto start = std::chrono::steady_clock::now();
   while (PQisBusy(connection) != 0 && PQconsumeInput(connection) == 1 &&
          std::chrono::steady_clock::now() - start < kLongest) {
