@@ -1,5 +1,7 @@
 #include "backup/host_accounts.h"
 
+#include <strings.h>
+
 #include <cstdlib>
 #include <optional>
 #include <string>
@@ -178,6 +180,12 @@ bool mergeGroupPermission(DBConnect_tag* live, DBConnect_tag* source, const Resu
 }
 
 }  // namespace
+
+bool isHoxUserRightsTable(const char* table) {
+  return strcasecmp(table, "photo_access_right_for_hox_account") == 0 ||
+         strcasecmp(table, "photo_upload_right_for_hox_account") == 0 ||
+         strcasecmp(table, "photo_manage_right_for_hox_account") == 0;
+}
 
 int KavophotoDumpHoxUserOnDB(const char* dir, const char* table, const char* suffix) {
   return dumpAccounts(joinPath(dir, "kavophoto_backup_hox_account.txt"), table, suffix, "userid", userName);

@@ -7,6 +7,9 @@
 // "kavophoto_backup_hox_account.txt", groups in "kavophoto_backup_hox_group_account.txt". `dir` is the directory prefix
 // of the files, `suffix` what follows the tables' names.
 
+// True for the three tables of rights that are keyed by a host user, in any spelling of their names.
+bool isHoxUserRightsTable(const char* table);
+
 // Append the lines of one table of the database "photo". 0, or -1 with the reason logged; the lines of the rows before
 // the failing one stay written. An unknown account is logged as "Failed to fetch hox user (%s)" with its number, by
 // both.

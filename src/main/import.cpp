@@ -45,10 +45,7 @@ void runMergeRoutines(DBConnect_tag* live, DBConnect_tag* temporary, const char*
 }
 
 void mergeHostAccountRights(DBConnect_tag* live, DBConnect_tag* temporary, const std::string& path, const char* table) {
-  const bool isRightsTable = isTable(table, "photo_access_right_for_hox_account") ||
-                             isTable(table, "photo_upload_right_for_hox_account") ||
-                             isTable(table, "photo_manage_right_for_hox_account");
-  if (isRightsTable && KavophotoSyncHoxUserRights(live, temporary, path.c_str(), table, "") < 0) {
+  if (isHoxUserRightsTable(table) && KavophotoSyncHoxUserRights(live, temporary, path.c_str(), table, "") < 0) {
     KAVO_LOG("Table %s sync failed.", table);
   }
 }
@@ -62,10 +59,7 @@ void mergeHostAccountPermissions(DBConnect_tag* live, DBConnect_tag* temporary, 
 }
 
 void mergePersonalCollections(DBConnect_tag* live, DBConnect_tag* temporary, const char* table) {
-  const bool isCollectionTable = isTable(table, "photo_personal_collection") ||
-                                 isTable(table, "photo_personal_collection_for_hox_account") ||
-                                 isTable(table, "photo_personal_collection_for_admin");
-  if (isCollectionTable && KavophotoSyncPersonalCollection(live, temporary, table, "") < 0) {
+  if (isPersonalCollectionTable(table) && KavophotoSyncPersonalCollection(live, temporary, table, "") < 0) {
     KAVO_LOG("Table %s sync failed", table);
   }
 }

@@ -72,6 +72,9 @@ MergeRoutine KavophotoSyncCategoryItems;
 // -3 when an insert or update fails.
 MergeRoutine KavophotoSyncWatermark;
 
+// True for the three tables of personal collections, in any spelling of their names.
+bool isPersonalCollectionTable(const char* table);
+
 // The rows of one of the personal-collection tables, by name. -1 when the source cannot be read, -2 when a look-up
 // fails, -3 when an insert or update fails.
 int KavophotoSyncPersonalCollection(DBConnect_tag* destination, DBConnect_tag* source, const std::string& table,

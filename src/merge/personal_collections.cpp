@@ -1,5 +1,7 @@
 #include "merge/personal_collections.h"
 
+#include <strings.h>
+
 #include <cstdlib>
 
 #include "merge/common.h"
@@ -145,6 +147,12 @@ void addMember(DBConnect_tag* destination, const std::string& memberTable, const
 }
 
 }  // namespace
+
+bool isPersonalCollectionTable(const char* table) {
+  return strcasecmp(table, "photo_personal_collection") == 0 ||
+         strcasecmp(table, "photo_personal_collection_for_hox_account") == 0 ||
+         strcasecmp(table, "photo_personal_collection_for_admin") == 0;
+}
 
 int KavophotoSyncPersonalCollection(DBConnect_tag* destination, DBConnect_tag* source, const std::string& table,
                                     const char* suffix) {

@@ -108,10 +108,8 @@ void runMergeRoutines(DBConnect_tag* connection, std::span<const MergeEntry> rou
 }
 
 void mergeHostAccountRights(DBConnect_tag* connection, const std::string& dir, const char* table) {
-  const bool isRightsTable = isTable(table, "photo_access_right_for_hox_account") ||
-                             isTable(table, "photo_upload_right_for_hox_account") ||
-                             isTable(table, "photo_manage_right_for_hox_account");
-  if (isRightsTable && KavophotoSyncHoxUserRights(connection, connection, dir.c_str(), table, "_bak") < 0) {
+  if (isHoxUserRightsTable(table) &&
+      KavophotoSyncHoxUserRights(connection, connection, dir.c_str(), table, "_bak") < 0) {
     KAVO_LOG("Table photo_access_right_for_hox_account sync failed.\n");
   }
 }
@@ -124,10 +122,7 @@ void mergeHostAccountPermissions(DBConnect_tag* connection, const std::string& d
 }
 
 void mergePersonalCollections(DBConnect_tag* connection, const char* table) {
-  const bool isCollectionTable = isTable(table, "photo_personal_collection") ||
-                                 isTable(table, "photo_personal_collection_for_hox_account") ||
-                                 isTable(table, "photo_personal_collection_for_admin");
-  if (isCollectionTable && KavophotoSyncPersonalCollection(connection, connection, table, "_bak") < 0) {
+  if (isPersonalCollectionTable(table) && KavophotoSyncPersonalCollection(connection, connection, table, "_bak") < 0) {
     KAVO_LOG("Table %s sync failed", table);
   }
 }
