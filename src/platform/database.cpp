@@ -2,7 +2,9 @@
 
 #include <libpq-fe.h>
 #include <sched.h>
+#include <strings.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -16,7 +18,13 @@
 
 namespace {
 
-constexpr long long kInsertsToFirstStatistics = 1000;
+// A table that this connection has put rows into.
+struct GrownTable {
+  std::string name;
+  long long inserted = 0;
+  // At this many the planner gets statistics again.
+  long long insertedAtStatistics = 1000;
+};
 
 }  // namespace
 
@@ -25,9 +33,7 @@ struct DBConnect_tag {
   std::string error;
   // Whether anything but plain reading has run, so that there may be something to make durable.
   bool wrote = false;
-  long long inserted = 0;
-  // At this many inserts the planner gets statistics again.
-  long long insertsToStatistics = kInsertsToFirstStatistics;
+  std::vector<GrownTable> grown;
 };
 
 struct DBResult_tag {
@@ -72,16 +78,16 @@ bool settleSession(PGconn* connection) {
   return PQresultStatus(set.get()) == PGRES_COMMAND_OK;
 }
 
-// A process that waits for another one to wake it loses about as much time as a look-up takes, so the reply is polled
-// for a moment first. With one processor that would only keep the server from answering.
-bool maySpin() {
+bool mayUseTwoProcessors() {
   cpu_set_t processors;
   CPU_ZERO(&processors);
   return sched_getaffinity(0, sizeof processors, &processors) == 0 && CPU_COUNT(&processors) > 1;
 }
 
+// A process that waits for another one to wake it loses about as much time as a look-up takes, so the reply is polled
+// for a moment first. With one processor that would only keep the server from answering.
 void spinForReply(PGconn* connection) {
-  static const bool spins = maySpin();
+  static const bool spins = mayUseTwoProcessors();
   if (!spins) {
     return;
   }
@@ -145,9 +151,6 @@ void readRows(const PGresult* reply, DBResult_tag& result, std::vector<std::stri
 
 // A failed command has no status, and costs at most one flush too many.
 void noteCommand(DBConnect_tag& connection, const std::string_view status) {
-  if (status.substr(0, 6) == "INSERT") {
-    ++connection.inserted;
-  }
   if (status.substr(0, 6) != "SELECT") {
     connection.wrote = true;
   }
@@ -181,16 +184,34 @@ bool readReply(DBConnect_tag& connection, DBResult_tag& result) {
   }
 }
 
+// The table that a statement puts a row into; empty for another kind of statement.
+std::string_view tableOfInsert(std::string_view statement) {
+  constexpr std::string_view kVerb = "insert into ";
+  if (strncasecmp(statement.data(), kVerb.data(), kVerb.size()) != 0) {
+    return {};
+  }
+  statement.remove_prefix(kVerb.size());
+  return statement.substr(0, statement.find_first_of(" ("));
+}
+
 // A table that has grown from nothing is looked up in without the planner knowing, and what it then reads for one row
-// grows with the table. Each time four times as many rows have come in, it is told. Tables that anybody holds a lock on
-// are left out, and where it cannot be done only speed is lost.
-void refreshStatistics(DBConnect_tag& connection) {
-  if (connection.inserted < connection.insertsToStatistics ||
-      PQtransactionStatus(connection.connection) != PQTRANS_IDLE) {
+// grows with the table. Each time four times as many rows have come in, it is told. A table that anybody holds a lock
+// on is left out, and where it cannot be done only speed is lost.
+void refreshStatistics(DBConnect_tag& connection, std::string_view statement) {
+  const std::string_view name = tableOfInsert(statement);
+  if (name.empty()) {
     return;
   }
-  connection.insertsToStatistics *= 4;
-  const PGResultHandle analysed(PQexec(connection.connection, "ANALYZE (SKIP_LOCKED)"));
+  auto table = std::find_if(connection.grown.begin(), connection.grown.end(),
+                            [name](const GrownTable& grown) { return grown.name == name; });
+  if (table == connection.grown.end()) {
+    table = connection.grown.insert(table, {std::string(name)});
+  }
+  if (++table->inserted < table->insertedAtStatistics || PQtransactionStatus(connection.connection) != PQTRANS_IDLE) {
+    return;
+  }
+  table->insertedAtStatistics *= 4;
+  const PGResultHandle analysed(PQexec(connection.connection, ("ANALYZE (SKIP_LOCKED) " + table->name).c_str()));
 }
 
 void makeDurable(DBConnect_tag& connection) {
@@ -311,7 +332,7 @@ int KAVODBExecute(DBConnect_tag* connection, const char* statement, DBResult_tag
     return -1;
   }
   *result = received.release();
-  refreshStatistics(*connection);
+  refreshStatistics(*connection, statement);
   return 0;
 }
 

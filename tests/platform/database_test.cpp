@@ -496,6 +496,25 @@ TEST_F(DatabaseAccess, NeedsNoMoreMemoryForALargeTable) {
   expectNoMessages();
 }
 
+TEST_F(DatabaseAccess, TellsThePlannerOfATableThatHasGrown) {
+  const std::string knownTables =
+      "SELECT string_agg(DISTINCT tablename, ' ') FROM pg_stats WHERE schemaname = 'public'";
+  const Connection connection = connectTo("photo");
+  const auto insert = [&connection](int count) {
+    for (int i = 0; i < count; ++i) {
+      ASSERT_TRUE(execute(connection.get(), "Insert into photo_label(name, category, info) Values ('', 1, '')"));
+      ASSERT_TRUE(execute(connection.get(), "INSERT INTO photo_config VALUES ('m', 'k', 'v')"));
+    }
+  };
+  live().exec("INSERT INTO video_desc (path, title, description) SELECT i, 't', 'd' FROM generate_series(1, 2000) i");
+  insert(999);
+  EXPECT_EQ(live().value(knownTables), "(null)");
+  appliance::Database somebody("photo");
+  somebody.exec("BEGIN; LOCK TABLE photo_config IN SHARE UPDATE EXCLUSIVE MODE");
+  insert(1);
+  EXPECT_EQ(live().value(knownTables), "photo_label");
+}
+
 TEST_F(DatabaseAccess, WorksOnASingleProcessor) {
   other().exec("INSERT INTO photo_config SELECT 'm', i, 'v' FROM generate_series(1, 100) i");
   appliance::RunOptions taskset;
