@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/awake.h"
 #include "platform/log.h"
 #include "platform/result_rows.h"
 
@@ -289,6 +290,9 @@ DBConnect_tag* KAVODBConnect(const char* host, const char* user, const char* pas
     return nullptr;
   }
   PQsetNoticeReceiver(connection->connection, ignoreNotice, nullptr);
+  if (mayUseTwoProcessors()) {
+    keepProcessorsAwake();
+  }
   return connection.release();
 }
 
