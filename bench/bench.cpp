@@ -1,6 +1,6 @@
 // Measures the tool on libraries of any size and writes what it found as a table, CSV files and a chart:
 //
-//   kavophoto_bench [--slow-disk] --results FOLDER --data FOLDER [ROWS]
+//   kavophoto_bench [--slow-disk | --memory] --results FOLDER --data FOLDER [ROWS]
 //
 // Both folders must exist. The server's data stay in the second, which holds nothing else and can be removed
 // afterwards.
@@ -45,6 +45,8 @@ bool readOptions(int count, char** arguments, Options& options) {
     const std::string argument = arguments[at];
     if (argument == "--slow-disk") {
       options.plan.slowDisk = true;
+    } else if (argument == "--memory") {
+      options.plan.memoryOnly = true;
     } else if (argument == "--results" && at + 1 < count) {
       options.results = arguments[++at];
     } else if (argument == "--data" && at + 1 < count) {
@@ -59,6 +61,7 @@ bool readOptions(int count, char** arguments, Options& options) {
 appliance::EnterOptions serverOptions(const Options& options) {
   appliance::EnterOptions server;
   server.dataDirectory = std::filesystem::absolute(options.data);
+  server.keepsAwake = true;
   // A client that does not ask for anything else waits for its commits, as on any server.
   server.settings = {"shared_buffers=128MB", "synchronous_commit=on"};
   if (options.plan.slowDisk) {
@@ -111,7 +114,7 @@ int main(int count, char** arguments) {
   try {
     Options options;
     if (!readOptions(count, arguments, options)) {
-      std::fprintf(stderr, "Usage: kavophoto_bench [--slow-disk] --results FOLDER --data FOLDER [ROWS]\n");
+      std::fprintf(stderr, "Usage: kavophoto_bench [--slow-disk | --memory] --results FOLDER --data FOLDER [ROWS]\n");
       return 2;
     }
     run(options);

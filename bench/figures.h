@@ -34,6 +34,8 @@ struct Figure {
 struct Plan {
   long rows = 20000;
   bool slowDisk = false;
+  // Only what tells the tool's peak memory: every mode once, into empty live tables.
+  bool memoryOnly = false;
 };
 
 // The figure of a step at a size; null when it was not measured.

@@ -248,6 +248,9 @@ double growthExponent(const std::vector<Figure>& figures, const Figure& figure) 
 }
 
 std::vector<Goal> judge(const Plan& plan, const std::vector<Figure>& figures) {
+  if (plan.memoryOnly) {
+    return {memoryGoal(figures)};
+  }
   std::vector<Goal> goals = {imagesGoal(plan, figures)};
   if (plan.slowDisk) {
     // The others are about the tool's own work, not the disk's.

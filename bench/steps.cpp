@@ -140,18 +140,29 @@ void measureBackup(long rows, std::vector<Figure>& figures) {
 // The log's statements stand in one transaction: a look-up of each entry, and what follows from it.
 enum class LogMerge { kKeeps = 1, kInserts = 2, kReplaces = 3 };
 
-void measureLibrary(long rows, std::vector<Figure>& figures) {
-  const Library library(rows);
-  const auto logStatements = [&library](LogMerge merge) { return library.logEntries * static_cast<long>(merge); };
+void fillLive(const Library& library) {
   emptyLive();
   fillLabels("photo");
   fillPhotos("photo", library);
   fillRest("photo", library);
-  measureBackup(rows, figures);
+}
 
+// What was live is what is imported from now on.
+void makeLiveTheSource() {
   renameDatabase("photo", kSource);
   appliance::writeAccountFiles(work(), kSource);
-  const std::vector<std::string> import = {"-i", work(), "-d", kSource};
+}
+
+std::vector<std::string> importArguments() { return {"-i", work(), "-d", kSource}; }
+
+void measureLibrary(long rows, std::vector<Figure>& figures) {
+  const Library library(rows);
+  const auto logStatements = [&library](LogMerge merge) { return library.logEntries * static_cast<long>(merge); };
+  fillLive(library);
+  measureBackup(rows, figures);
+
+  makeLiveTheSource();
+  const std::vector<std::string> import = importArguments();
   figures.push_back(measureTool(step::kImportEmpty, rows, emptyLive, import, logStatements(LogMerge::kInserts)));
   expectLibrary("photo", library);
   keepFull();
@@ -181,7 +192,7 @@ void measureLogMerge(long rows, std::vector<Figure>& figures) {
     emptyLive();
     fillLog("photo", 1, rows);
   };
-  figures.push_back(measureTool(step::kLogMerge, rows, prepare, {"-i", work(), "-d", kSource}, 2 * rows + rows / 2));
+  figures.push_back(measureTool(step::kLogMerge, rows, prepare, importArguments(), 2 * rows + rows / 2));
   expectCount("photo", "photo_log", rows + rows / 2);
 }
 
@@ -197,7 +208,7 @@ void measurePathRepair(long rows, std::vector<Figure>& figures) {
     appliance::createDatabase(kSource);
     fillForeignPhotos(kSource, rows);
   };
-  figures.push_back(measureTool(step::kRepairImport, rows, prepare, {"-i", work(), "-d", kSource}));
+  figures.push_back(measureTool(step::kRepairImport, rows, prepare, importArguments()));
   expectCount(kSource, "photo_image WHERE path LIKE '/var/services/photo%'", rows);
 }
 
@@ -216,7 +227,7 @@ void measureImages(const Plan& plan, std::vector<Figure>& figures) {
   std::vector<Run> plain;
   for (int run = 0; run < kMostRuns; ++run) {
     prepare();
-    tool.push_back(runOnce("", {"-i", work(), "-d", kSource}));
+    tool.push_back(runOnce("", importArguments()));
     expectPhotos("photo", library, Links::kOnce);
     prepare();
     plain.push_back(runOnce(BENCH_PLAIN_LOOP, {"photo", kSource}));
@@ -226,11 +237,28 @@ void measureImages(const Plan& plan, std::vector<Figure>& figures) {
   figures.push_back(makeFigure(step::kImagesPlain, library.photos, median(plain), 0));
 }
 
+void measureMemory(long rows, std::vector<Figure>& figures) {
+  const Library library(rows);
+  fillLive(library);
+  figures.push_back(makeFigure(step::kBackup, rows, runOnce("", {"-b", work()}), 0));
+  makeLiveTheSource();
+  const long long logStatements = library.logEntries * static_cast<long>(LogMerge::kInserts);
+  figures.push_back(measureTool(step::kImportEmpty, rows, emptyLive, importArguments(), logStatements));
+  expectLibrary("photo", library);
+  figures.push_back(measureTool(step::kRestoreEmpty, rows, emptyLive, {"-r", work()}, logStatements));
+  expectLibrary("photo", library);
+}
+
 }  // namespace
 
 std::vector<Figure> measureAll(const Plan& plan) {
   std::vector<Figure> figures;
   makeFiles(Library(plan.rows));
+  if (plan.memoryOnly) {
+    measurePathRepair(plan.rows, figures);
+    measureMemory(plan.rows, figures);
+    return figures;
+  }
   measureImages(plan, figures);
   measureLogMerge(kLogRows / 10, figures);
   measureLogMerge(kLogRows, figures);
