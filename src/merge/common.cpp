@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 
+#include "platform/log.h"
 #include "platform/overwrite_mode.h"
 #include "platform/text.h"
 
@@ -57,5 +58,21 @@ Lookup findShare(DBConnect_tag* destination, DBConnect_tag* source, const char* 
     return Lookup::kMissing;
   }
   number = fieldText(share, "shareid", kNumberCapacity);
+  return Lookup::kFound;
+}
+
+Lookup findLabel(DBConnect_tag* destination, const std::string& name, const std::string& category, std::string& number,
+                 int line) {
+  const std::string statement =
+      formatText("Select id from photo_label where name = '%s' and category = %s", name.c_str(), category.c_str());
+  Result label;
+  if (!execute(destination, statement, {{}, {category}}, label, line)) {
+    return Lookup::kFailed;
+  }
+  if (!fetchRow(label)) {
+    KAVO_LOG_AT(line, "KAVODBFetchRow failed. [%s] (%s)", statement.c_str(), KAVODBErrorGet(destination));
+    return Lookup::kMissing;
+  }
+  number = fieldText(label, "id", kNumberCapacity);
   return Lookup::kFound;
 }

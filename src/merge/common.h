@@ -34,3 +34,8 @@ enum class Lookup { kFound, kMissing, kFailed };
 // name, which is cut to `nameCapacity` bytes. Missing when either side lacks it.
 Lookup findShare(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix, const std::string& sourceShare,
                  std::size_t nameCapacity, std::string& number);
+
+// Sets `number` to the destination's id of the label of that name, which is escaped, and category, which is not.
+// Missing when the destination lacks it, which is logged for the caller's line.
+Lookup findLabel(DBConnect_tag* destination, const std::string& name, const std::string& category, std::string& number,
+                 int line = __builtin_LINE());

@@ -2,7 +2,6 @@
 
 #include "merge/common.h"
 #include "merge/merge.h"
-#include "platform/log.h"
 #include "platform/overwrite_mode.h"
 #include "platform/text.h"
 
@@ -156,21 +155,16 @@ bool mergeLabelLink(DBConnect_tag* destination, const Result& row, const std::st
     }
   }
 
-  const std::string findLabel =
-      formatText("Select id from photo_label where name = '%s' and category = %s", name.c_str(), category.c_str());
-  Result label;
-  if (!execute(destination, findLabel, {{}, {category}}, label)) {
-    return false;
-  }
-  if (!fetchRow(label)) {
-    KAVO_LOG("KAVODBFetchRow failed. [%s] (%s)", findLabel.c_str(), KAVODBErrorGet(destination));
-    return true;
+  // A link whose label the destination lacks is dropped.
+  std::string label;
+  const Lookup found = findLabel(destination, name, category, label);
+  if (found != Lookup::kFound) {
+    return found == Lookup::kMissing;
   }
   return execute(destination,
                  formatText("Insert into photo_image_label (image_id, label_id, info, info_new, status) Values "
                             "(%s, %s, '%s', '%s', '%s')",
-                            photo.c_str(), fieldText(label, "id", kNumberCapacity).c_str(), info.c_str(),
-                            newInfo.c_str(), status.c_str()),
+                            photo.c_str(), label.c_str(), info.c_str(), newInfo.c_str(), status.c_str()),
                  RawValues{{status}, {}});
 }
 

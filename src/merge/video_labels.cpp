@@ -1,29 +1,9 @@
 #include "merge/common.h"
 #include "merge/merge.h"
-#include "platform/log.h"
 #include "platform/overwrite_mode.h"
 #include "platform/text.h"
 
 namespace {
-
-// Inserts the link to the destination's label; a link whose label the destination lacks is dropped.
-bool insertLink(DBConnect_tag* destination, const std::string& path, const std::string& name,
-                const std::string& category) {
-  const std::string findLabel =
-      formatText("Select id from photo_label where name = '%s' and category = %s", name.c_str(), category.c_str());
-  Result label;
-  if (!execute(destination, findLabel, {{}, {category}}, label)) {
-    return false;
-  }
-  if (!fetchRow(label)) {
-    KAVO_LOG("KAVODBFetchRow failed. [%s] (%s)", findLabel.c_str(), KAVODBErrorGet(destination));
-    return true;
-  }
-  const std::string labelId = fieldText(label, "id", kTextCapacity);
-  return execute(destination,
-                 formatText("Insert into photo_video_label (video_path, label_id, status) Values ('%s', %s, 't')",
-                            path.c_str(), labelId.c_str()));
-}
 
 bool mergeLink(DBConnect_tag* destination, const Result& row) {
   const std::string plainPath = fieldText(row, "video_path", kTextCapacity);
@@ -53,7 +33,16 @@ bool mergeLink(DBConnect_tag* destination, const Result& row) {
       return false;
     }
   }
-  return insertLink(destination, path, name, category);
+
+  // A link whose label the destination lacks is dropped.
+  std::string label;
+  const Lookup found = findLabel(destination, name, category, label);
+  if (found != Lookup::kFound) {
+    return found == Lookup::kMissing;
+  }
+  return execute(destination,
+                 formatText("Insert into photo_video_label (video_path, label_id, status) Values ('%s', %s, 't')",
+                            path.c_str(), label.c_str()));
 }
 
 }  // namespace
