@@ -448,12 +448,14 @@ bool runAndKill(Mode mode, const KillPoint& point) {
   return killed;
 }
 
-Trial killAndRunAgain(const Reference& reference, const KillPoint& point) {
+Trial killAndRunAgain(const Reference& reference, const std::vector<KillPoint>& points) {
   layOut(reference.mode);
-  if (!runAndKill(reference.mode, point)) {
-    Trial trial;
-    trial.faults.emplace_back("the tool was not killed");
-    return trial;
+  for (const KillPoint& point : points) {
+    if (!runAndKill(reference.mode, point)) {
+      Trial trial;
+      trial.faults.push_back("the tool was not killed " + nameOf(point));
+      return trial;
+    }
   }
   return runAgain(reference);
 }

@@ -64,7 +64,8 @@ struct Trial {
   std::vector<std::string> faults;
 };
 
-Trial killAndRunAgain(const Reference& reference, const KillPoint& point);
+// Kills a run at each of the points, one run after the other on what the one before left, and then runs to the end.
+Trial killAndRunAgain(const Reference& reference, const std::vector<KillPoint>& points);
 // The second half of it, after whatever disturbed the first run.
 Trial runAgain(const Reference& reference);
 

@@ -24,10 +24,10 @@ std::string testName(Mode mode) {
 
 class KilledRun : public appliance::ToolTest, public ::testing::WithParamInterface<Mode> {
  protected:
-  static void killAt(const KillPoint& point) {
-    const crash::Trial trial = crash::killAndRunAgain(crash::referenceOf(GetParam()), point);
-    EXPECT_EQ(trial.rowsLost, 0) << crash::nameOf(point);
-    EXPECT_THAT(trial.faults, ::testing::IsEmpty()) << crash::nameOf(point);
+  static void killAt(const std::vector<KillPoint>& points) {
+    const crash::Trial trial = crash::killAndRunAgain(crash::referenceOf(GetParam()), points);
+    EXPECT_EQ(trial.rowsLost, 0) << crash::nameOf(points.front());
+    EXPECT_THAT(trial.faults, ::testing::IsEmpty()) << crash::nameOf(points.front());
   }
 };
 
@@ -43,7 +43,7 @@ TEST_P(KilledRun, LosesNothingAtItsPrograms) {
   }
   constexpr long kPoints = 6;
   for (long point = 0; point < kPoints; ++point) {
-    killAt({KillPoint::At::kProgram, 1 + (programs - 1) * point / (kPoints - 1), point % 2 == 1, ""});
+    killAt({{KillPoint::At::kProgram, 1 + (programs - 1) * point / (kPoints - 1), point % 2 == 1, ""}});
   }
 }
 
@@ -51,8 +51,16 @@ TEST_P(KilledRun, LosesNothingAtItsStatements) {
   const long statements = crash::referenceOf(GetParam()).statements;
   constexpr long kPoints = 4;
   for (long point = 0; point < kPoints; ++point) {
-    killAt({KillPoint::At::kStatement, 1 + (statements - 1) * point / (kPoints - 1), point % 2 == 0, ""});
+    killAt({{KillPoint::At::kStatement, 1 + (statements - 1) * point / (kPoints - 1), point % 2 == 0, ""}});
   }
+}
+
+TEST_P(KilledRun, LosesNothingWhenTheNextRunIsKilledToo) {
+  const crash::Reference& reference = crash::referenceOf(GetParam());
+  const auto at = GetParam() == Mode::kImport ? KillPoint::At::kStatement : KillPoint::At::kProgram;
+  const long all = GetParam() == Mode::kImport ? reference.statements : reference.programs;
+  killAt({{at, all / 2, true, ""}, {at, all / 4, false, ""}});
+  killAt({{at, all * 3 / 4, false, ""}, {at, all / 2, true, ""}, {at, 1, true, ""}});
 }
 
 class KilledSkipMode : public appliance::ToolTest {
@@ -93,6 +101,31 @@ TEST_F(KilledSkipMode, LeavesAGroupWithTheMembersThatWereCopiedBeforeTheKillUnti
   EXPECT_EQ(membersOf("m family"), Rows{});
   runWithOverwriting();
   EXPECT_EQ(membersOf("m family"), (Rows{{"m anna"}, {"m o'ben"}}));
+}
+
+class KilledHostAccount : public appliance::ToolTest, public ::testing::WithParamInterface<Mode> {};
+
+INSTANTIATE_TEST_SUITE_P(Modes, KilledHostAccount, ::testing::Values(Mode::kRestoreSkip, Mode::kRestoreOverwrite),
+                         [](const auto& mode) { return testName(mode.param); });
+
+// The rights are looked for under the number that the account has here, and inserted under the one that they were saved
+// with.
+TEST_P(KilledHostAccount, WithAnotherNumberHereMayHoldARightTwice) {
+  other().exec(
+      "INSERT INTO photo_share (shareid, sharename) VALUES (1, 'trips'), (2, 'home');"
+      "INSERT INTO photo_access_right_for_hox_account VALUES (1099, 1, '2020-01-01'), (1099, 2, '2020-01-01')");
+  live().exec("INSERT INTO photo_share (shareid, sharename) VALUES (11, 'trips'), (12, 'home')");
+  appliance::ArchiveOptions options;
+  options.users = "1099 =\"editor\"\n";
+  appliance::makeArchive(appliance::workDirectory(), "other", options);
+  ASSERT_TRUE(crash::runAndKill(
+      GetParam(), {KillPoint::At::kStatement, 0, true, "Insert into photo_access_right_for_hox_account"}));
+  ASSERT_EQ(run(crash::commandLine(GetParam())).status, 0);
+  expectNoMessages();
+  expectRows(live(),
+             "SELECT userid, sharename FROM photo_access_right_for_hox_account JOIN photo_share USING (shareid) "
+             "ORDER BY 1, 2",
+             {{"1099", "home"}, {"1099", "trips"}, {"1099", "trips"}});
 }
 
 }  // namespace
