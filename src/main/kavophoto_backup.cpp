@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -118,6 +119,8 @@ int run(int count, char** arguments) {
 }  // namespace
 
 int main(int count, char** arguments) {
+  // Whoever starts the tool may have chosen not to hear of its children. Then nobody would tell how the programs ended.
+  std::signal(SIGCHLD, SIG_DFL);
   const int status = run(count, arguments);
   removePidFile();
   return status;

@@ -349,4 +349,12 @@ TEST_F(Runner, RunsTheseCommandsInARestore) {
   }
 }
 
+TEST_F(Runner, LearnsHowItsProgramsEndedWhereTheCallerDoesNotWantToKnow) {
+  appliance::RunOptions options;
+  options.program = "/usr/bin/env";
+  EXPECT_EQ(run({"--ignore-signal=CHLD", appliance::toolPath(), "-b", appliance::workDirectory()}, options).status, 0);
+  expectNoMessages();
+  EXPECT_TRUE(appliance::exists(appliance::workDirectory() + "kavophoto.backup"));
+}
+
 }  // namespace
