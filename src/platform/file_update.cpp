@@ -16,10 +16,10 @@ namespace {
 bool writeAndFlush(int descriptor, std::string_view text) {
   while (!text.empty()) {
     const ssize_t length = write(descriptor, text.data(), text.size());
-    if (length < 0 && errno != EINTR) {
+    if (length < 0) {
       return false;
     }
-    text.remove_prefix(length > 0 ? static_cast<std::size_t>(length) : 0);
+    text.remove_prefix(static_cast<std::size_t>(length));
   }
   return fsync(descriptor) == 0;
 }
@@ -57,15 +57,18 @@ void flushDirectoryOf(const std::string& path) {
   }
 }
 
-FileUpdate replace(const std::string& path, const std::string& beside, int besideDescriptor, const std::string& text) {
-  if (!writeAndFlush(besideDescriptor, text) || rename(beside.c_str(), path.c_str()) != 0) {
-    const int error = errno;
-    unlink(beside.c_str());
-    errno = error;
-    return FileUpdate::kNotWritten;
+bool renameOver(const std::string& beside, const std::string& path) {
+  if (rename(beside.c_str(), path.c_str()) != 0) {
+    return false;
   }
   flushDirectoryOf(path);
-  return FileUpdate::kWritten;
+  return true;
+}
+
+void unlinkKeepingError(const std::string& path) {
+  const int error = errno;
+  unlink(path.c_str());
+  errno = error;
 }
 
 }  // namespace
@@ -85,9 +88,34 @@ FileUpdate updateFile(const std::string& path, const std::string& text) {
   const std::string beside = target + ".tmp";
   const Descriptor besideFile = makeBeside(beside, model);
   if (besideFile) {
-    return replace(target, beside, besideFile.get(), text);
+    const bool isWhole = writeAndFlush(besideFile.get(), text);
+    if (isWhole && renameOver(beside, target)) {
+      return FileUpdate::kWritten;
+    }
+    unlinkKeepingError(beside);
+    if (!isWhole) {
+      return FileUpdate::kNotWritten;
+    }
+    // Something is mounted on the file, so that nothing can take its place.
   }
   return writeInPlace(file.get(), model, text) ? FileUpdate::kWritten : FileUpdate::kNotWritten;
+}
+
+bool writeNewFile(const std::string& path, const std::string& text) {
+  struct stat model = {};
+  model.st_uid = geteuid();
+  model.st_gid = getegid();
+  model.st_mode = 0644;
+  const std::string beside = path + ".tmp";
+  const Descriptor file = makeBeside(beside, model);
+  if (!file) {
+    return false;
+  }
+  if (!writeAndFlush(file.get(), text) || !renameOver(beside, path)) {
+    unlinkKeepingError(beside);
+    return false;
+  }
+  return true;
 }
 
 bool readWholeFile(const std::string& path, std::string& text) {
@@ -108,9 +136,9 @@ bool readWholeFile(const std::string& path, std::string& text) {
     if (length == 0) {
       return true;
     }
-    if (length < 0 && errno != EINTR) {
+    if (length < 0) {
       return false;
     }
-    text.append(piece.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
+    text.append(piece.data(), static_cast<std::size_t>(length));
   }
 }

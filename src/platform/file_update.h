@@ -10,5 +10,9 @@ enum class FileUpdate { kWritten, kNotOpened, kNotWritten };
 // not be written; kNotWritten with errno set when the writing failed. Nothing is logged.
 FileUpdate updateFile(const std::string& path, const std::string& text);
 
+// Makes a file of the tool's own with this text, or replaces the one that is there; it holds either text whole,
+// whatever happens. False with errno set when that fails. Nothing is logged.
+bool writeNewFile(const std::string& path, const std::string& text);
+
 // Reads the whole file; false with errno set when that fails.
 bool readWholeFile(const std::string& path, std::string& text);

@@ -3,11 +3,9 @@
 #include <json/json.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <memory>
 
 #include "platform/file_update.h"
-#include "platform/files.h"
 
 namespace {
 
@@ -35,17 +33,6 @@ bool wasWritten(const Json::Value& kept, const std::string& text) {
   return false;
 }
 
-bool writeKept(const std::string& path, const Json::Value& kept) {
-  File file = openToWrite(path);
-  if (!file) {
-    return false;
-  }
-  const std::string text = Json::writeString(Json::StreamWriterBuilder(), kept);
-  const bool isWhole = std::fwrite(text.data(), 1, text.size(), file.get()) == text.size() &&
-                       std::fflush(file.get()) == 0 && fsync(fileno(file.get())) == 0;
-  return closeWritten(std::move(file)) && isWhole;
-}
-
 }  // namespace
 
 std::string textBeforeKilledRun(const std::string& text) {
@@ -60,13 +47,9 @@ void keepTextBefore(const std::string& before, const std::string& after) {
   }
   kept["run"] = static_cast<int>(getpid());
   kept["before"] = before;
-  // The file may still hold what the killed run wrote when this one is killed
-  // too.
+  // The file may still hold what the killed run wrote when this one is killed too.
   kept["after"].append(after);
-  const std::string beside = std::string(kFile) + ".tmp";
-  if (!writeKept(beside, kept) || std::rename(beside.c_str(), kFile) != 0) {
-    unlink(beside.c_str());
-  }
+  writeNewFile(kFile, Json::writeString(Json::StreamWriterBuilder(), kept));
 }
 
 void dropTextBefore() {

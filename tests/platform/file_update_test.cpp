@@ -1,5 +1,6 @@
 #include "platform/file_update.h"
 
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -86,6 +87,15 @@ TEST_F(FileUpdated, IsWrittenInPlaceWhereNothingCanBeMadeBesideIt) {
   EXPECT_EQ(appliance::readFile(kFile), "new");
   EXPECT_EQ(statusOf(kFile).st_ino, before.st_ino);
   EXPECT_TRUE(appliance::exists("/tmp/folder/file.tmp"));
+}
+
+TEST_F(FileUpdated, IsWrittenInPlaceWhereSomethingIsMountedOnIt) {
+  appliance::writeFile(kFile, "old");
+  ASSERT_EQ(mount(kFile, kFile, nullptr, MS_BIND, nullptr), 0);
+  EXPECT_EQ(updateFile(kFile, "the new text"), FileUpdate::kWritten);
+  EXPECT_EQ(umount2(kFile, MNT_DETACH), 0);
+  EXPECT_EQ(appliance::readFile(kFile), "the new text");
+  EXPECT_EQ(entriesIn("/tmp/folder"), 1);
 }
 
 TEST_F(FileUpdated, KeepsItsTextOnAFullDisk) {

@@ -325,6 +325,14 @@ TEST_F(SmartAlbums, ReportsASocketInItsPlace) {
   expectMessages({"Failed to open smart album [" + kFile + "] No such device or address"});
 }
 
+TEST_F(SmartAlbums, ReportsAFileThatCannotBeReadToItsEnd) {
+  fs::create_directories(kFolder);
+  // Its first page is never there.
+  fs::create_symlink("/proc/self/mem", kFile);
+  EXPECT_EQ(remap(), -1);
+  expectMessages({"Failed to open smart album [" + kFile + "] Input/output error"});
+}
+
 TEST_F(SmartAlbums, LeavesAFileThatDoesNotParse) {
   for (const char* text : {"", "\n", "{", R"({"smart_albums":{"a":})", "no json", "{'a':1}"}) {
     expectLeftAlone(text, {kUnparsable});
@@ -437,6 +445,33 @@ TEST_F(SmartAlbums, WritesInPlaceInAReadOnlyDirectory) {
   fs::permissions(kFolder, fs::perms::owner_read | fs::perms::owner_exec);
   EXPECT_EQ(import(unprivileged()).status, 0);
   EXPECT_EQ(readFile(kFile), remappedTo(annasNumber()));
+  expectNothingBeside();
+}
+
+TEST_F(SmartAlbums, AreWrittenInADirectoryThatMayNotBeListed) {
+  writeFile(kFile, kOneRule);
+  fs::permissions(kFolder, fs::perms::owner_write | fs::perms::owner_exec);
+  EXPECT_EQ(import(unprivileged()).status, 0);
+  fs::permissions(kFolder, fs::perms::owner_all);
+  EXPECT_EQ(readFile(kFile), remappedTo(annasNumber()));
+  expectNothingBeside();
+}
+
+TEST_F(SmartAlbums, AreWrittenInPlaceWhereTheirOwnerCannotBeKept) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "Only root can give a file away.";
+  }
+  writeFile(kFile, kOneRule);
+  ASSERT_EQ(chown(kFile.c_str(), 1026, 65600), 0);
+  RunOptions options;
+  options.program = "/usr/bin/setpriv";
+  EXPECT_EQ(run({"--bounding-set=-chown", appliance::toolPath(), "-i", workDirectory(), "-d", "other"}, options).status,
+            0);
+  expectNoMessages();
+  EXPECT_EQ(readFile(kFile), remappedTo(annasNumber()));
+  struct stat status = {};
+  ASSERT_EQ(stat(kFile.c_str(), &status), 0);
+  EXPECT_EQ(status.st_uid, 1026U);
   expectNothingBeside();
 }
 
