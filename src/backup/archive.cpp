@@ -195,10 +195,6 @@ bool isPlainFile(const dirent& entry, const std::string& path) {
   if (name == "." || name == "..") {
     return false;
   }
-  if (entry.d_type != DT_UNKNOWN) {
-    return entry.d_type != DT_DIR;
-  }
-  // Not every file system tells the type in the listing.
   struct stat status = {};
   return lstat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode);
 }

@@ -30,9 +30,7 @@ class Descriptor {
   explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
   Descriptor(Descriptor&& other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
   Descriptor& operator=(Descriptor&& other) noexcept {
-    if (this != &other) {
-      reset(std::exchange(other.descriptor_, -1));
-    }
+    reset(std::exchange(other.descriptor_, -1));
     return *this;
   }
   Descriptor(const Descriptor&) = delete;

@@ -51,6 +51,13 @@ void writeLine(const std::string& text) {
   errno = saved;
 }
 
+void clearLine() {
+  const std::size_t shown = progress().shown;
+  if (shown > 0) {
+    writeLine("\r" + std::string(shown, ' ') + "\r");
+  }
+}
+
 bool isShown() {
   static const bool terminal = [] {
     const int saved = errno;
@@ -59,7 +66,7 @@ bool isShown() {
     if (is) {
       // Made before the handler is registered, so that it outlives it.
       progress();
-      std::atexit(progressEnd);
+      std::atexit(clearLine);
     }
     return is;
   }();
@@ -184,16 +191,4 @@ void progressRowsEnd(const void* result) {
   if (result == listing.result) {
     listing = {};
   }
-}
-
-void progressEnd() {
-  if (!isShown()) {
-    return;
-  }
-  Progress& state = progress();
-  if (state.shown > 0) {
-    writeLine("\r" + std::string(state.shown, ' ') + "\r");
-    state.shown = 0;
-  }
-  state.phase = "";
 }

@@ -20,6 +20,3 @@ void progressRow(const void* result, long long total);
 
 // `result` has been read to its end; the next one may be a listing.
 void progressRowsEnd(const void* result);
-
-// Clears the line.
-void progressEnd();

@@ -51,9 +51,6 @@ Descriptor makeSpillFile() {
 bool writeAt(int descriptor, std::string_view text, std::uint64_t offset) {
   while (!text.empty()) {
     const ssize_t length = pwrite(descriptor, text.data(), text.size(), static_cast<off_t>(offset));
-    if (length < 0 && errno == EINTR) {
-      continue;
-    }
     if (length <= 0) {
       return false;
     }
@@ -66,9 +63,6 @@ bool writeAt(int descriptor, std::string_view text, std::uint64_t offset) {
 bool readAt(int descriptor, char* text, std::size_t size, std::uint64_t offset) {
   while (size > 0) {
     const ssize_t length = pread(descriptor, text, size, static_cast<off_t>(offset));
-    if (length < 0 && errno == EINTR) {
-      continue;
-    }
     if (length <= 0) {
       errno = length < 0 ? errno : EIO;
       return false;
@@ -139,7 +133,7 @@ bool fillWindow(ResultRows& rows) {
 void setSpillDirectory(const char* directory) { spillDirectory() = directory; }
 
 void appendRow(ResultRows& rows, const std::vector<std::string_view>& fields) {
-  std::string& piece = rows.head.size() < kHeadBytes && rows.tail.empty() && rows.spilled == 0 ? rows.head : rows.tail;
+  std::string& piece = rows.head.size() < kHeadBytes ? rows.head : rows.tail;
   const std::size_t start = piece.size();
   piece.append(sizeof(RowLength), '\0');
   for (const std::string_view field : fields) {

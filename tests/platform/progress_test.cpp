@@ -180,6 +180,28 @@ TEST_F(Progress, IsCutToTheWidthOfTheTerminal) {
   expectCleared(shown);
 }
 
+TEST_F(Progress, TellsHoursAsSuch) {
+  fillConfig(20000);
+  live().exec(
+      "CREATE FUNCTION wait() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN PERFORM pg_sleep(0.5); IF NEW.config_key = "
+      "'4' THEN RAISE 'enough'; END IF; RETURN NEW; END $$;"
+      "CREATE TRIGGER wait BEFORE INSERT ON photo_config FOR EACH ROW EXECUTE FUNCTION wait()");
+  const Shown shown = show(import_);
+  EXPECT_THAT(shown.lines, Contains(MatchesRegex("merging photo_config \\(4 of 33\\), .+ of 20000 rows, .+ "
+                                                 "[12]:[0-5][0-9]:[0-5][0-9].*")));
+  expectMessagesMatch({StartsWith("Failed to exec [Insert into photo_config "), "Table photo_config sync failed.\n"});
+  expectCleared(shown);
+}
+
+TEST_F(Progress, TakesATerminalOfUnknownWidthForAUsualOne) {
+  fillConfig(100);
+  slowDown("photo_config", "0.005");
+  const Shown shown = show(import_, 0);
+  EXPECT_EQ(live().count("photo_config"), 100);
+  EXPECT_THAT(shown.lines, Each(SizeIs(::testing::Le(79U))));
+  EXPECT_THAT(shown.lines, Contains(StartsWith("merging photo_config (4 of 33), ")));
+}
+
 TEST_F(Progress, NamesThePhasesOfABackup) {
   for (const char* program : {"/usr/bin/pg_dump", "/bin/tar"}) {
     appliance::replaceProgram(program, R"(sleep 0.2; exec "$REAL" "$@" 2>/dev/null)");
@@ -236,8 +258,13 @@ TEST_F(Progress, NothingIsWrittenWhenStandardErrorIsNoTerminal) {
 }
 
 TEST_F(Progress, NothingIsWrittenBeforeTheFirstPhase) {
-  const Shown shown = show("-h");
+  Shown shown = show("-h");
   EXPECT_EQ(shown.outcome.status, 255);
+  EXPECT_EQ(shown.text, "");
+  // Staged tables that a killed run left are listed first.
+  live().exec("CREATE TABLE photo_label_bak AS SELECT * FROM photo_label");
+  shown = show("-e " + appliance::workDirectory());
+  EXPECT_EQ(shown.outcome.status, 0);
   EXPECT_EQ(shown.text, "");
   appliance::checked();
 }
