@@ -5,6 +5,7 @@
 
 #include <memory>
 
+#include "platform/text.h"
 #include "support/tool_test.h"
 
 namespace {
@@ -31,14 +32,18 @@ std::vector<Member> wholeMembers() {
           {"settings.conf.bak", "key=\"value\"\n"}};
 }
 
-enum class Packing { kGzip, kPlain };
+enum class Packing { kGzip, kPlain, kPlainPax };
 
 void pack(const std::vector<Member>& members, Packing packing = Packing::kGzip) {
   const std::unique_ptr<archive, int (*)(archive*)> writer(archive_write_new(), archive_write_free);
   if (packing == Packing::kGzip) {
     archive_write_add_filter_gzip(writer.get());
   }
-  archive_write_set_format_gnutar(writer.get());
+  if (packing == Packing::kPlainPax) {
+    archive_write_set_format_pax(writer.get());
+  } else {
+    archive_write_set_format_gnutar(writer.get());
+  }
   ASSERT_EQ(archive_write_open_filename(writer.get(), kArchive), ARCHIVE_OK);
   for (const Member& member : members) {
     const std::unique_ptr<archive_entry, void (*)(archive_entry*)> entry(archive_entry_new(), archive_entry_free);
@@ -189,6 +194,8 @@ TEST_F(ArchiveCheckTest, RefusesMembersOfAnotherKind) {
   members.erase(members.begin() + 5, members.begin() + 7);
   members[4] = {"theme_bak", "a file", AE_IFREG};
   EXPECT_FALSE(holds(members));
+  members[4] = {"theme_bak/", "/etc", AE_IFLNK};
+  EXPECT_FALSE(holds(members));
 }
 
 TEST_F(ArchiveCheckTest, RefusesASecondArchiveBehindTheFirst) {
@@ -198,16 +205,61 @@ TEST_F(ArchiveCheckTest, RefusesASecondArchiveBehindTheFirst) {
   EXPECT_FALSE(archiveIsWhole(kArchive));
 }
 
-TEST_F(ArchiveCheckTest, RefusesAFileWithHoles) {
+// Has tar pack what the shell commands make of the files.
+bool holdsAfter(const std::string& commands) {
   appliance::RunOptions options;
   options.program = "/bin/sh";
   options.cwd = kOrigin;
-  appliance::runTool({"-c",
-                      "truncate -s 100M kavophoto_backup.dump; tar -Szcf /tmp/checked.tar.gz "
-                      "kavophoto_backup.dump kavophoto_backup_time.txt kavophoto_backup_hox_account.txt "
-                      "kavophoto_backup_hox_group_account.txt theme_bak settings.conf.bak"},
+  appliance::runTool({"-c", commands + "; tar -Szcf /tmp/checked.tar.gz kavophoto_backup.dump "
+                                       "kavophoto_backup_time.txt kavophoto_backup_hox_account.txt "
+                                       "kavophoto_backup_hox_group_account.txt theme_bak settings.conf.bak"},
                      options);
-  EXPECT_FALSE(archiveIsWhole(kArchive));
+  return archiveIsWhole(kArchive);
+}
+
+TEST_F(ArchiveCheckTest, RefusesAFileWithHoles) {
+  EXPECT_TRUE(holdsAfter("true"));
+  EXPECT_FALSE(holdsAfter("truncate -s 100M kavophoto_backup.dump"));
+  EXPECT_FALSE(holdsAfter("echo behind the hole >> kavophoto_backup.dump"));
+}
+
+TEST_F(ArchiveCheckTest, RefusesAFileThatIsALinkToAnother) {
+  EXPECT_FALSE(holdsAfter("ln -f kavophoto_backup_hox_account.txt kavophoto_backup_hox_group_account.txt"));
+}
+
+// Marks the last file of an archive that is not compressed as a link, and makes its header's checksum fit.
+void turnIntoLink(std::string& archive, const std::string& member) {
+  constexpr std::size_t kHeader = 512;
+  constexpr std::size_t kChecksum = 148;
+  constexpr std::size_t kKind = 156;
+  constexpr std::size_t kTarget = 157;
+  std::string header = archive.substr(archive.rfind(member), kHeader);
+  const std::string target = "kavophoto_backup.dump";
+  header[kKind] = '1';
+  header.replace(kTarget, target.size(), target);
+  header.replace(kChecksum, 8, 8, ' ');
+  unsigned sum = 0;
+  for (const char byte : header) {
+    sum += static_cast<unsigned char>(byte);
+  }
+  header.replace(kChecksum, 7, formatText("%06o", sum) + std::string(1, '\0'));
+  archive.replace(archive.rfind(member), kHeader, header);
+}
+
+TEST_F(ArchiveCheckTest, RefusesALinkThatBringsAText) {
+  appliance::RunOptions gzip;
+  gzip.program = "/usr/bin/gzip";
+  const auto holdsCompressed = [&gzip](const std::string& archive) {
+    writeFile("/tmp/checked.tar", archive);
+    EXPECT_EQ(appliance::runTool({"-f", "/tmp/checked.tar"}, gzip).status, 0);
+    return archiveIsWhole(kArchive);
+  };
+  // The only kind of archive whose links may.
+  pack(wholeMembers(), Packing::kPlainPax);
+  std::string archive = appliance::readFile(kArchive);
+  EXPECT_TRUE(holdsCompressed(archive));
+  turnIntoLink(archive, "settings.conf.bak");
+  EXPECT_FALSE(holdsCompressed(archive));
 }
 
 TEST_F(ArchiveCheckTest, ComparesEveryFileWithItsOriginal) {

@@ -416,6 +416,13 @@ TEST_F(HostAccountReaderTest, FailedStatementOfAnyStepEndsThePermissions) {
         "ALTER TABLE " + table + " RENAME gone TO shareid");
   fails("ALTER TABLE photo_share_bak RENAME TO gone", "Select * from photo_share_bak where shareid = 1",
         "ALTER TABLE gone RENAME TO photo_share_bak");
+  gIsOverwiroteMode = true;
+  fails("INSERT INTO " + table +
+            " VALUES (65600, 11, 1); CREATE FUNCTION refuse() RETURNS trigger LANGUAGE plpgsql AS "
+            "'BEGIN RAISE ''refused''; END'; CREATE TRIGGER refuse BEFORE DELETE ON " +
+            table + " FOR EACH ROW EXECUTE FUNCTION refuse()",
+        "Delete from " + table + " where groupid = 65600 and shareid = 11", "DROP TRIGGER refuse ON " + table);
+  gIsOverwiroteMode = false;
 }
 
 TEST_F(HostAccountReaderTest, GroupFileIsLookedForBehindASlash) {

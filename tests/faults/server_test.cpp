@@ -218,6 +218,24 @@ TEST_P(LostServer, InTheMiddleEndsTheRunAndNothingIsLost) {
   expectWholeAfterRunningAgain(mode());
 }
 
+TEST_F(Server, LostWhileStagedTablesAreLookedForLeavesThem) {
+  const std::string first = appliance::tableNames().front();
+  Database live("photo");
+  live.exec("CREATE TABLE photo_label_bak AS SELECT 1 AS id");
+  StatementRelay relay;
+  // The live tables are asked for after the staged ones.
+  relay.holdAt("tablename in ('" + first + "', ", StatementRelay::Hold::kBeforeStatement);
+  RunOptions options;
+  options.env = {relay.environment()};
+  const pid_t tool = appliance::startTool({"-e", appliance::workDirectory()}, options);
+  ASSERT_TRUE(relay.waitUntilHeld(tool));
+  relay.cut();
+  EXPECT_EQ(appliance::waitTool(tool).status, 0);
+  EXPECT_THAT(appliance::takeMessages(),
+              testing::ElementsAre(MatchesRegex("Failed to exec \\[SELECT tablename FROM pg_tables .+\\] \\(.+\\)")));
+  EXPECT_EQ(live.value("SELECT id FROM photo_label_bak"), "1");
+}
+
 class BusyServer : public Server, public ::testing::WithParamInterface<Mode> {
  protected:
   // Somebody else's session that has a table to itself as long as it lives.

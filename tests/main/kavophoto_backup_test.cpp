@@ -206,19 +206,29 @@ TEST_F(CommandLine, TakesARelativePathAsOneInTheCurrentDirectory) {
   live().exec("TRUNCATE photo_config");
   EXPECT_EQ(run({"-r", "../backup/"}, in("/tmp/backup")).status, 0);
   expectRows(live(), "SELECT config_value FROM photo_config", {{"v"}});
-  EXPECT_EQ(run({"-e", "back"},
-                [this] {
-                  appliance::makeDirectories("/tmp/backup/back");
-                  return in("/tmp/backup");
-                }())
-                .status,
-            0);
+  appliance::makeDirectories("/tmp/backup/back");
+  EXPECT_EQ(run({"-e", "back"}, in("/tmp/backup")).status, 0);
   EXPECT_TRUE(appliance::exists(std::string("/tmp/backup/back") + kUsers));
   EXPECT_EQ(run({"-e", "./"}, in("/")).status, 0);
   EXPECT_TRUE(appliance::exists(std::string("/") + kUsers));
   appliance::removeAll(std::string("/") + kUsers);
   appliance::removeAll("/kavophoto_backup_hox_group_account.txt");
   expectNoMessages();
+}
+
+TEST_F(CommandLine, KeepsARelativePathWhereTheCurrentDirectoryIsGone) {
+  appliance::RunOptions shell;
+  shell.program = "/bin/sh";
+  EXPECT_EQ(
+      run({"-c", "mkdir /tmp/gone; cd /tmp/gone; rmdir /tmp/gone; exec " + appliance::toolPath() + " -e ./"}, shell)
+          .status,
+      0);
+  const std::string users = "Failed to open file: ./kavophoto_backup_hox_account.txt.\n";
+  expectMessages({users, "failed when photo_access_right_for_hox_account.\n", users,
+                  "failed when photo_upload_right_for_hox_account.\n", users,
+                  "failed when photo_manage_right_for_hox_account.\n",
+                  "Failed to open file: ./kavophoto_backup_hox_group_account.txt.\n",
+                  "failed when photo_group_permission_for_hox_account.\n"});
 }
 
 TEST_F(CommandLine, FailsWithoutAServerInEveryMode) {

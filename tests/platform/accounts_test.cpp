@@ -86,6 +86,14 @@ TEST_F(HostAccounts, MayHaveEntriesOfAnyLength) {
   EXPECT_EQ(userNumbered(70001), "70001 talker");
 }
 
+TEST_F(HostAccounts, AreNotFoundBehindAnEntryThatIsTooLongToRead) {
+  appliance::setAccounts({{2000, std::string(std::size_t{65} << 20U, 'x')}, {2001, "behind"}}, {});
+  KAVOUser* user = nullptr;
+  EXPECT_EQ(KAVOUserGet("behind", &user), -1);
+  EXPECT_EQ(user, nullptr);
+  appliance::checked();
+}
+
 TEST_F(HostAccounts, MayHaveLargeNumbers) {
   appliance::setAccounts({{4294967290U, "last"}}, {{4294967290U, "lasts"}});
   EXPECT_EQ(userNumbered(4294967290U), "4294967290 last");

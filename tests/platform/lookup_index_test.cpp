@@ -89,6 +89,34 @@ TEST_F(LookupIndex, LeavesTheTransactionAsItWasWhereItCannotBeMade) {
   expectNoMessages();
 }
 
+TEST_F(LookupIndex, IsNotMadeWithoutStatistics) {
+  const Connection connection = connectTo("photo");
+  // Another index whose function fails when it is asked for the statistics of its values.
+  fillLog(live(), 10, "old");
+  live().exec(
+      "CREATE FUNCTION length_of(text) RETURNS integer IMMUTABLE LANGUAGE plpgsql AS 'BEGIN RETURN length($1); END';"
+      "CREATE INDEX of_length ON photo_log (length_of(log));"
+      "CREATE OR REPLACE FUNCTION length_of(text) RETURNS integer IMMUTABLE LANGUAGE plpgsql AS "
+      "'BEGIN RAISE ''refused''; END'");
+  KAVODBTransBegin(connection.get());
+  EXPECT_FALSE(createLookupIndex(connection.get(), "photo_log", "create_time", 1000));
+  Result own;
+  ASSERT_TRUE(execute(connection.get(), kIndexes, own));
+  ASSERT_TRUE(fetchRow(own));
+  EXPECT_EQ(fieldText(own, "count"), "0");
+  expectNoMessages();
+}
+
+TEST_F(LookupIndex, IsNotMadeInATransactionThatHasFailed) {
+  const Connection connection = connectTo("photo");
+  KAVODBTransBegin(connection.get());
+  Result failed;
+  EXPECT_EQ(KAVODBExecute(connection.get(), "SELECT 1/0", &failed.handle), -1);
+  EXPECT_FALSE(createLookupIndex(connection.get(), "photo_log", "create_time", 1000));
+  EXPECT_EQ(live().value(kIndexes), "0");
+  expectNoMessages();
+}
+
 TEST_F(LookupIndex, ServesALogMergeAndIsGoneAfterIt) {
   const auto before = appliance::structure("photo");
   fillLog(other(), kEntries, "new");
