@@ -1,4 +1,4 @@
-# What a build of another kind adds to every target: the fuzzers' eyes, the sanitizers or the coverage counters.
+# What a build of another kind adds to every target: the fuzzers' eyes or the sanitizers.
 function(kavophoto_instrument target)
   if(KAVOPHOTO_FUZZ)
     target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link)
@@ -7,10 +7,14 @@ function(kavophoto_instrument target)
     target_compile_options(${target} PRIVATE -fsanitize=address,undefined -fno-sanitize-recover=all
                                              -fno-omit-frame-pointer)
     target_link_options(${target} PUBLIC -fsanitize=address,undefined)
-  elseif(KAVOPHOTO_COVERAGE)
-    target_compile_options(${target} PRIVATE --coverage -O0 -fprofile-update=atomic)
-    target_link_options(${target} PUBLIC --coverage)
   endif()
+endfunction()
+
+# Each program of a build adds its counts to one of a few files of its own, also when many run at once.
+function(kavophoto_count target)
+  target_compile_options(${target} PRIVATE -O0 -fcoverage-mapping
+                                           -fprofile-instr-generate=${CMAKE_BINARY_DIR}/counts/%4m.profraw)
+  target_link_options(${target} PUBLIC -fprofile-instr-generate)
 endfunction()
 
 function(kavophoto_hardening target)
@@ -18,6 +22,9 @@ function(kavophoto_hardening target)
   target_compile_options(${target} PRIVATE -fstack-protector-strong)
   target_link_options(${target} PRIVATE -Wl,-z,relro,-z,now)
   kavophoto_instrument(${target})
+  if(KAVOPHOTO_COVERAGE)
+    kavophoto_count(${target})
+  endif()
   # The fortified calls need optimisation, and the sanitizers replace the same calls.
   if(NOT KAVOPHOTO_SANITIZE AND NOT KAVOPHOTO_COVERAGE)
     target_compile_options(${target} PRIVATE $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE>
