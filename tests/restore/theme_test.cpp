@@ -83,6 +83,23 @@ TEST_P(ThemeTest, GoesOnAfterAnEntryThatCannotBeCopied) {
   EXPECT_TRUE(exists(kLive + "good.css"));
 }
 
+// What the copy has written by then stays, and only overwriting replaces it.
+TEST_P(ThemeTest, FullDiskLeavesACutFileUntilRunWithOverwriting) {
+  appliance::mountSmall(kLive, 4 * 4096);
+  const std::string text(10 * 4096, 'x');
+  writeFile(kSaved + "large.css", text);
+  EXPECT_EQ(KavophotoRestoreTheme("/tmp/backup/"), 0);
+  expectMessages({"KavophotoRestoreTheme: failed to copy large.css.\n"});
+  EXPECT_LT(readFile(kLive + "large.css").size(), text.size());
+
+  writeFile("/tmp/cut.css", readFile(kLive + "large.css"));
+  appliance::unmountAll();
+  writeFile(kLive + "large.css", readFile("/tmp/cut.css"));
+  EXPECT_EQ(KavophotoRestoreTheme("/tmp/backup/"), 0);
+  expectNoMessages();
+  EXPECT_EQ(readFile(kLive + "large.css") == text, GetParam());
+}
+
 TEST_P(ThemeTest, EmptySavedDirectoryCopiesNothing) {
   replaceProgram("/bin/cp", "touch /tmp/started");
   EXPECT_EQ(KavophotoRestoreTheme("/tmp/backup/"), 0);
