@@ -5,10 +5,13 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <set>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 #include "platform/handles.h"
@@ -147,6 +150,14 @@ bool takeThemes(Reading& reading, const std::string& origin) {
   return origin.empty() || names.size() == countFiles(origin + "theme_bak");
 }
 
+// True behind the last member when nothing follows the compressed stream: gzip ends with an error for what does.
+bool isAtEndOfFile(const Reading& reading, const std::string& path) {
+  std::error_code unread;
+  return reading.status == ARCHIVE_EOF &&
+         std::filesystem::file_size(path, unread) ==
+             static_cast<std::uintmax_t>(archive_filter_bytes(reading.archive.get(), -1));
+}
+
 }  // namespace
 
 bool archiveIsWhole(const std::string& path, const std::string& origin) {
@@ -154,5 +165,5 @@ bool archiveIsWhole(const std::string& path, const std::string& origin) {
   return takeFile(reading, "kavophoto_backup.dump", origin) && takeFile(reading, "kavophoto_backup_time.txt", origin) &&
          takeFile(reading, "kavophoto_backup_hox_account.txt", origin) &&
          takeFile(reading, "kavophoto_backup_hox_group_account.txt", origin) && takeThemes(reading, origin) &&
-         takeFile(reading, "settings.conf.bak", origin) && reading.status == ARCHIVE_EOF;
+         takeFile(reading, "settings.conf.bak", origin) && isAtEndOfFile(reading, path);
 }

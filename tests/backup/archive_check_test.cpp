@@ -217,6 +217,15 @@ bool holdsAfter(const std::string& commands) {
   return archiveIsWhole(kArchive);
 }
 
+TEST_F(ArchiveCheckTest, RefusesWhateverFollowsTheCompressedStream) {
+  pack(wholeMembers());
+  const std::string whole = appliance::readFile(kArchive);
+  for (const std::string& ballast : {std::string(1, '\0'), std::string(1, 'x'), std::string(100000, '\0')}) {
+    writeFile(kArchive, whole + ballast);
+    EXPECT_FALSE(archiveIsWhole(kArchive)) << ballast.size();
+  }
+}
+
 TEST_F(ArchiveCheckTest, RefusesAFileWithHoles) {
   EXPECT_TRUE(holdsAfter("true"));
   EXPECT_FALSE(holdsAfter("truncate -s 100M kavophoto_backup.dump"));
