@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <exception>
+#include <vector>
 
 #include "platform/file_update.h"
 #include "platform/log.h"
@@ -45,6 +46,22 @@ bool isUtf8(const std::string& text) {
       return false;
     }
     at += length;
+  }
+  return true;
+}
+
+// The library writes a member's name to its first binary zero only, and so under another name.
+bool keepsItsNames(const Json::Value& document) {
+  std::vector<const Json::Value*> left = {&document};
+  while (!left.empty()) {
+    const Json::Value& value = *left.back();
+    left.pop_back();
+    for (auto member = value.begin(); member != value.end(); ++member) {
+      if (member.name().find('\0') != std::string::npos) {
+        return false;
+      }
+      left.push_back(&*member);
+    }
   }
   return true;
 }
@@ -161,7 +178,7 @@ bool areUsable(DBConnect_tag* destination, DBConnect_tag* source) {
 std::optional<std::string> remappedSmartAlbums(const std::string& text, const char* path,
                                                const ListTranslator& translate) {
   Json::Value document;
-  if (!isUtf8(text) || !parse(text, document)) {
+  if (!isUtf8(text) || !parse(text, document) || !keepsItsNames(document)) {
     logUnparsable(path);
     return std::nullopt;
   }

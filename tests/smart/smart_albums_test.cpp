@@ -365,6 +365,16 @@ TEST_F(SmartAlbums, LeavesAFileThatIsNotUtf8) {
   }
 }
 
+TEST_F(SmartAlbums, LeavesAFileWithNamesThatCannotBeWritten) {
+  const std::string rule = R"({"field":"people","value":"1"})";
+  for (const std::string& zero : {std::string("\\u0000"), std::string(1, '\0')}) {
+    expectLeftAlone(R"({"smart_albums":{"a":{"rule_sets":[[)" + rule + R"(]]},"a)" + zero + R"(b":{"rule_sets":[[)" +
+                        rule + "]]}}}",
+                    {kUnparsable});
+    expectLeftAlone(withRule(R"({"field)" + zero + R"(":"people","value":"1"})"), {kUnparsable});
+  }
+}
+
 TEST_F(SmartAlbums, LeavesAFileThatIsNestedTooDeep) {
   const std::string deep = std::string(2000, '[') + std::string(2000, ']');
   expectLeftAlone(deep, {kUnparsable});
