@@ -359,6 +359,20 @@ std::string nameOf(Mode mode) {
   return "";
 }
 
+std::string testName(Mode mode) {
+  switch (mode) {
+    case Mode::kBackup:
+      return "Backup";
+    case Mode::kRestoreSkip:
+      return "RestoreSkip";
+    case Mode::kRestoreOverwrite:
+      return "RestoreOverwrite";
+    case Mode::kImport:
+      return "Import";
+  }
+  return "";
+}
+
 std::string nameOf(const KillPoint& point) {
   return std::string(point.after ? "after" : "before") + " " +
          (point.at == KillPoint::At::kProgram ? "program" : "statement") + " " +

@@ -14,6 +14,8 @@ enum class Mode { kBackup, kRestoreSkip, kRestoreOverwrite, kImport };
 inline constexpr Mode kModes[] = {Mode::kBackup, Mode::kRestoreSkip, Mode::kRestoreOverwrite, Mode::kImport};
 
 std::string nameOf(Mode mode);
+// The same as a part of a test's name.
+std::string testName(Mode mode);
 
 // SIGKILL just before or just after the external program or the statement of this number, counted from 1.
 struct KillPoint {

@@ -7,20 +7,7 @@ namespace {
 using appliance::Rows;
 using crash::KillPoint;
 using crash::Mode;
-
-std::string testName(Mode mode) {
-  switch (mode) {
-    case Mode::kBackup:
-      return "Backup";
-    case Mode::kRestoreSkip:
-      return "RestoreSkip";
-    case Mode::kRestoreOverwrite:
-      return "RestoreOverwrite";
-    case Mode::kImport:
-      return "Import";
-  }
-  return "";
-}
+using crash::testName;
 
 class KilledRun : public appliance::ToolTest, public ::testing::WithParamInterface<Mode> {
  protected:

@@ -18,6 +18,7 @@ using appliance::Database;
 using appliance::Outcome;
 using appliance::RunOptions;
 using crash::Mode;
+using crash::testName;
 using faults::StatementRelay;
 using testing::AnyOf;
 using testing::Contains;
@@ -28,20 +29,6 @@ using testing::MatchesRegex;
 using testing::Not;
 
 using Messages = std::vector<std::string>;
-
-std::string testName(Mode mode) {
-  switch (mode) {
-    case Mode::kBackup:
-      return "Backup";
-    case Mode::kRestoreSkip:
-      return "RestoreSkip";
-    case Mode::kRestoreOverwrite:
-      return "RestoreOverwrite";
-    case Mode::kImport:
-      return "Import";
-  }
-  return "";
-}
 
 enum class Fault { kStopped, kRestarted, kTerminated };
 
