@@ -363,7 +363,7 @@ const char* KAVODBFetchField(DBResult_tag* result, DBRow_tag* row, const char* c
   if (result == nullptr || row == nullptr) {
     return "";
   }
-  for (std::size_t at = 0; at < result->columns.size(); ++at) {
+  for (std::size_t at = 0; at < result->columns.size() && at < result->rows.fields.size(); ++at) {
     if (result->columns[at] == column) {
       return result->rows.fields[at];
     }
