@@ -57,7 +57,8 @@ std::string cutText(std::string_view text, std::size_t capacity) {
 }
 
 std::string joinPath(std::string_view directory, std::string_view name) {
-  return cutText(std::string(directory).append(name), kPathCapacity);
+  std::string path = std::string(directory).append(name);
+  return path.size() < kPathCapacity ? path : std::string();
 }
 
 std::string asPrinted(std::string_view text) {

@@ -14,8 +14,9 @@ std::string formatText(const char* format, ...) __attribute__((format(printf, 1,
 // bytes), and that does not end inside a UTF-8 character. Bytes that are no UTF-8 are cut like single-byte characters.
 std::string cutText(std::string_view text, std::size_t capacity);
 
-// `directory` immediately followed by `name`, cut to kPathCapacity. No separator is put between them: the tool's
-// directory argument is a plain prefix.
+// `directory` immediately followed by `name`. No separator is put between them: the tool's directory argument is a
+// plain prefix. The empty text when the path does not fit kPathCapacity: a path that was cut would name another file,
+// or the directory itself, and no file has the empty name.
 std::string joinPath(std::string_view directory, std::string_view name);
 
 // What printf would print for `text` as its format if the only conversion it knew were "%%": "%%" becomes "%", every
