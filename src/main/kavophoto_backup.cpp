@@ -18,6 +18,7 @@
 #include "platform/database.h"
 #include "platform/handles.h"
 #include "platform/log.h"
+#include "platform/run_lock.h"
 #include "platform/text.h"
 #include "restore/restore.h"
 #include "restore/staging.h"
@@ -89,6 +90,30 @@ int runMode(const Options& options) {
   return -1;
 }
 
+// A file name that was cut to its capacity would name another file, or the directory itself.
+bool directoryFits(const std::string& path) {
+  // The longest of the names that are added to it; the file of the groups is read with a slash before its name.
+  const bool fits = !joinPath(path, "/kavophoto_backup_hox_group_account.txt").empty();
+  if (!fits) {
+    KAVO_LOG("The path of the directory is too long (%zu bytes): with the names of the files it must stay below %zu.",
+             path.size(), kPathCapacity);
+  }
+  return fits;
+}
+
+// Nothing was done; the status is that of the mode's own failure.
+int refuseMode(Mode mode) {
+  if (mode == Mode::kRestore) {
+    KAVO_LOG("Cant restore Photo DB.\n");
+  }
+  return mode == Mode::kBackup || mode == Mode::kExport ? 0 : -1;
+}
+
+int refuseSecondRun() {
+  KAVO_LOG("kavophoto_backup is already running.\n");
+  return -1;
+}
+
 int run(int count, char** arguments) {
   Options options;
   if (!parseOptions(count, arguments, options)) {
@@ -100,12 +125,18 @@ int run(int count, char** arguments) {
   }
   options.path = absolutePath(options.path);
   if (!takeSingleInstanceGuard()) {
-    KAVO_LOG("kavophoto_backup is already running.\n");
-    return -1;
+    return refuseSecondRun();
   }
   if (options.mode == Mode::kImport && !options.temporaryDatabase) {
     printUsage();
     return -1;
+  }
+  if (!directoryFits(options.path)) {
+    return refuseMode(options.mode);
+  }
+  // The pid file keeps another run out only as long as nobody removes it.
+  if (takeRunLock() == RunLock::kHeldByAnother) {
+    return refuseSecondRun();
   }
   KAVODBSpillDirectorySet(options.path.c_str());
   // An earlier run that was killed may have left the only copy of live rows under their staged names.

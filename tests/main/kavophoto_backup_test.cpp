@@ -1,6 +1,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -241,6 +242,43 @@ TEST_F(CommandLine, FailsWithoutAServerInEveryMode) {
               IsSupersetOf({std::string("KavophotoDumpDB failed when dumping database.\n")}));
   appliance::server::start();
   EXPECT_EQ(live().count("photo_image"), 0);
+}
+
+// With a path that was cut, "rm -rf" would get the directory itself.
+TEST_F(CommandLine, RefusesADirectoryThatItsFileNamesDoNotFit) {
+  const std::string part = std::string(240, 'd') + "/";
+  std::string directory = "/tmp/";
+  while (directory.size() + part.size() < 1023) {
+    directory += part;
+  }
+  for (const std::size_t length : {985U, 1014U, 1023U, 1024U}) {
+    const std::string longest = directory + std::string(length - directory.size() - 1, 'e') + "/";
+    appliance::writeFile(longest + "precious", "text");
+    const std::string refused = "The path of the directory is too long (" + std::to_string(length) +
+                                " bytes): with the names of the files it must stay below 1024.";
+    EXPECT_EQ(run({"-b", longest}).status, 0);
+    expectMessages({refused});
+    EXPECT_EQ(run({"-e", longest}).status, 0);
+    expectMessages({refused});
+    EXPECT_EQ(run({"-r", longest}).status, 255);
+    expectMessages({refused, "Cant restore Photo DB.\n"});
+    EXPECT_EQ(run({"-i", longest, "-d", "other"}).status, 255);
+    expectMessages({refused});
+    EXPECT_EQ(appliance::readFile(longest + "precious"), "text");
+  }
+}
+
+TEST_F(CommandLine, WorksInTheLongestDirectoryThatItsFileNamesFit) {
+  std::string directory = "/tmp/";
+  while (directory.size() < 984) {
+    directory += std::string(std::min<std::size_t>(239, 984 - directory.size() - 1), 'd') + "/";
+  }
+  ASSERT_EQ(directory.size(), 984U);
+  appliance::writeFile(directory + "precious", "text");
+  EXPECT_EQ(run({"-b", directory}).status, 0);
+  EXPECT_EQ(run({"-r", directory, "-o"}).status, 0);
+  expectNoMessages();
+  EXPECT_EQ(appliance::readFile(directory + "precious"), "text");
 }
 
 }  // namespace
