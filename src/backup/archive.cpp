@@ -5,6 +5,7 @@
 
 #include <array>
 #include <ctime>
+#include <optional>
 #include <string_view>
 
 #include "backup/archive_check.h"
@@ -17,18 +18,19 @@
 #include "platform/process_runner.h"
 #include "platform/progress.h"
 #include "platform/query.h"
+#include "platform/run_lock.h"
 #include "platform/text.h"
 #include "restore/staging.h"
+#include "restore/toc.h"
 
 namespace {
 
 constexpr std::size_t kVersionCapacity = 1024;
 
-void dropInterruptedRestore(std::span<const char* const> tables) {
+// Without a server there is nothing to find out, and the steps that follow fail with their own messages.
+bool canStage(std::span<const char* const> tables) {
   const Connection connection = connectTo("photo");
-  if (connection) {
-    dropLeftoverTables(connection.get(), tables);
-  }
+  return !connection || freeStagedNames(connection.get(), tables);
 }
 
 void stageTables(std::span<const char* const> tables) {
@@ -47,11 +49,27 @@ bool dumpStagedTables(const std::string& dir, std::span<const char* const> table
     dump.addArguments("-t", formatText("%s_bak", table).c_str());
   }
   dump.addArguments("-f", joinPath(dir, "kavophoto_backup.dump").c_str());
-  if (dump.run(true, false) < 0) {
+  if (!keepRunLock() || dump.run(true, false) < 0) {
     KAVO_LOG("KavophotoDumpDB failed when dumping database.\n");
     return false;
   }
   return true;
+}
+
+// pg_dump succeeds when it finds one of the tables. It leaves out one that could not be renamed, and the rows of one
+// that is divided into partitions.
+void reportWhatTheDumpLacks(const std::string& dir, std::span<const char* const> tables) {
+  const std::optional<std::string> listing = listDump(dir);
+  if (!listing) {
+    return;
+  }
+  for (const char* table : tables) {
+    if (listing->find(formatText(" TABLE public %s_bak ", table)) == std::string::npos) {
+      KAVO_LOG("The archive does not hold table %s.", table);
+    } else if (listing->find(formatText(" TABLE DATA public %s_bak ", table)) == std::string::npos) {
+      KAVO_LOG("The archive does not hold the rows of table %s, only its columns.", table);
+    }
+  }
 }
 
 bool readVersion(const char* path, const char* key, std::string& version) {
@@ -155,9 +173,12 @@ int makeArchive(const std::string& dir, std::span<const char* const> tables) {
     KAVO_LOG("KavophotoDumpDB failed to getcwd, backup process is terminated");
     return -1;
   }
-  const bool made = dumpStagedTables(dir, tables) && writeBackupTime(dir) && writeHostAccounts(dir) &&
-                    copyThemes(dir) && copySettings(dir) && changeDirectory(dir.c_str()) && packMembers(dir) &&
-                    changeDirectory(start.data());
+  if (!dumpStagedTables(dir, tables)) {
+    return -1;
+  }
+  reportWhatTheDumpLacks(dir, tables);
+  const bool made = writeBackupTime(dir) && writeHostAccounts(dir) && copyThemes(dir) && copySettings(dir) &&
+                    changeDirectory(dir.c_str()) && packMembers(dir) && changeDirectory(start.data());
   return made ? 0 : -1;
 }
 
@@ -202,7 +223,9 @@ bool isPlainFile(const dirent& entry, const std::string& path) {
 }  // namespace
 
 int KavophotoDumpDB(const char* dir, std::span<const char* const> tables) {
-  dropInterruptedRestore(tables);
+  if (!canStage(tables)) {
+    return -1;
+  }
   stageTables(tables);
   const int result = makeArchive(dir, tables);
   unstageTables(tables);

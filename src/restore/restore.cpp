@@ -5,7 +5,6 @@
 #include <array>
 #include <cstdlib>
 #include <string>
-#include <vector>
 
 #include "backup/archive.h"
 #include "backup/host_accounts.h"
@@ -16,6 +15,7 @@
 #include "platform/process_runner.h"
 #include "platform/progress.h"
 #include "platform/query.h"
+#include "platform/run_lock.h"
 #include "platform/text.h"
 #include "restore/settings.h"
 #include "restore/staged_indexes.h"
@@ -55,15 +55,25 @@ bool listTables(const std::string& dir) {
   return true;
 }
 
-bool loadStagedTables(const std::string& dir) {
-  progressPhase("loading");
+bool runLoad(const std::string& dir) {
   KAVOUtils::ProcessRunner load("/usr/bin/pg_restore", "/usr/bin/pg_restore", "-U", "postgres", "-d", "photo", "-L",
                                 joinPath(dir, "toc_file").c_str(), joinPath(dir, "kavophoto_backup.dump").c_str());
-  if (load.run(true, false) < 0) {
-    KAVO_LOG("KavophotoRestoreDB failed when restore dump file.\n");
-    return false;
+  return keepRunLock() && load.run(true, false) >= 0;
+}
+
+// Loads only where every staged name is free: the load adds rows to a table that has such a name already. The copies
+// are noted whether or not the load succeeded, so that they can be dropped.
+bool loadStagedTables(DBConnect_tag* connection, const std::string& dir, const RestoreTables& tables) {
+  progressPhase("loading");
+  bool isLoaded = false;
+  if (freeStagedNames(connection, tables.tables) && noteStagingBegins(connection)) {
+    isLoaded = runLoad(dir);
+    noteStagedTables(connection, tables.tables);
   }
-  return true;
+  if (!isLoaded) {
+    KAVO_LOG("KavophotoRestoreDB failed when restore dump file.\n");
+  }
+  return isLoaded;
 }
 
 struct PathColumn {
@@ -196,13 +206,12 @@ int restoreArchive(const std::string& dir, const RestoreTables& tables) {
     KAVO_LOG("Failed to connect to database");
     return -1;
   }
-  const std::vector<std::string> spared = dropLeftoverTables(connection.get(), tables.tables);
-  if (!loadStagedTables(dir)) {
+  if (!loadStagedTables(connection.get(), dir, tables)) {
     return -2;
   }
   indexStagedTables(connection.get(), tables.tables);
   if (!repairPaths(connection.get(), tables)) {
-    dropStagedTables(connection.get(), tables.tables, spared);
+    freeStagedNames(connection.get(), tables.tables);
     return -1;
   }
   mergeTables(connection.get(), dir, tables);
@@ -220,7 +229,7 @@ int restoreArchive(const std::string& dir, const RestoreTables& tables) {
   KavophotoRemapSmartAlbums(connection.get(), connection.get(), "_bak");
   progressPhase("merging members of collections");
   KavophotoSyncPersonalCollectionItems(connection.get(), connection.get(), "_bak");
-  dropStagedTables(connection.get(), tables.tables, spared);
+  freeStagedNames(connection.get(), tables.tables);
   return 0;
 }
 

@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <optional>
+#include <vector>
 
 #include "platform/log.h"
 #include "platform/process_runner.h"
 #include "platform/query.h"
+#include "platform/run_lock.h"
 #include "platform/text.h"
 
 namespace {
@@ -16,48 +18,146 @@ KAVOUtils::ProcessRunner statementRunner(const std::string& statement) {
   return KAVOUtils::ProcessRunner("/usr/bin/psql", "/usr/bin/psql", "photo", "-U", "postgres", "-c", statement.c_str());
 }
 
+bool runStatement(const std::string& statement) {
+  return keepRunLock() && statementRunner(statement).run(true, false) >= 0;
+}
+
 bool contains(const std::vector<std::string>& names, const std::string& name) {
   return std::find(names.begin(), names.end(), name) != names.end();
 }
 
-// The tables with these names and `suffix` behind that exist; nothing when they cannot be listed, which is logged.
-std::optional<std::vector<std::string>> existingTables(DBConnect_tag* connection, std::span<const char* const> tables,
-                                                       const char* suffix) {
+// The names with `suffix` as a quoted list.
+std::string quotedNames(std::span<const char* const> tables, const char* suffix) {
   std::string names;
   for (const char* table : tables) {
     names += formatText(names.empty() ? "'%s%s'" : ", '%s%s'", table, suffix);
   }
-  Result rows;
-  if (!execute(connection,
-               formatText("SELECT tablename FROM pg_tables WHERE schemaname = 'public' and tablename in (%s)",
-                          names.c_str()),
-               rows)) {
-    return std::nullopt;
-  }
-  std::vector<std::string> existing;
-  while (fetchRow(rows)) {
-    existing.push_back(fieldText(rows, "tablename", kTableNameCapacity));
-  }
-  return existing;
+  return names;
 }
 
-// The live names of the staged tables that have no live table; nothing when they cannot be listed, which is logged.
-std::optional<std::vector<std::string>> onlyCopies(DBConnect_tag* connection, std::span<const char* const> tables) {
-  auto staged = existingTables(connection, tables, "_bak");
-  if (!staged || staged->empty()) {
-    return staged;
-  }
-  const auto live = existingTables(connection, tables, "");
-  if (!live) {
+// Column `column` of every row; nothing when the statement fails, which is logged.
+std::optional<std::vector<std::string>> listNames(DBConnect_tag* connection, const std::string& statement,
+                                                  const char* column) {
+  Result rows;
+  if (!execute(connection, statement, rows)) {
     return std::nullopt;
   }
   std::vector<std::string> names;
-  for (const char* table : tables) {
-    if (contains(*staged, formatText("%s_bak", table)) && !contains(*live, table)) {
-      names.emplace_back(table);
-    }
+  while (fetchRow(rows)) {
+    names.push_back(fieldText(rows, column, kTableNameCapacity));
   }
   return names;
+}
+
+std::optional<std::vector<std::string>> stagedTables(DBConnect_tag* connection, std::span<const char* const> tables) {
+  return listNames(connection,
+                   formatText("SELECT tablename FROM pg_tables WHERE schemaname = 'public' and tablename in (%s)",
+                              quotedNames(tables, "_bak").c_str()),
+                   "tablename");
+}
+
+// An index or a sequence takes a name as well as a table.
+constexpr const char* kAnyKind = "'r', 'p', 'v', 'm', 'f', 'i', 'I', 'S', 'c', 't'";
+// What the application may have in the place of a table; all of these are renamed alike.
+constexpr const char* kRenamable = "'r', 'p', 'v', 'm', 'f'";
+
+std::optional<std::vector<std::string>> namesOfKind(DBConnect_tag* connection, std::span<const char* const> tables,
+                                                    const char* suffix, const char* kinds) {
+  return listNames(connection,
+                   formatText("SELECT relname FROM pg_class WHERE relnamespace = 'public'::regnamespace and relkind in "
+                              "(%s) and relname in (%s)",
+                              kinds, quotedNames(tables, suffix).c_str()),
+                   "relname");
+}
+
+// The note stands in the settings of the database: every later run finds it, it belongs to a transaction, and it adds
+// no table to the application's database.
+bool note(DBConnect_tag* connection, const std::string& value) {
+  return execute(connection, formatText("ALTER DATABASE photo SET kavophoto_backup.staged = '%s'", value.c_str()));
+}
+
+bool clearNote(DBConnect_tag* connection) {
+  return execute(connection, "ALTER DATABASE photo RESET kavophoto_backup.staged");
+}
+
+// Rolls back what was not committed when it goes out of scope.
+class Transaction {
+ public:
+  explicit Transaction(DBConnect_tag* connection) : connection_(connection), isOpen_(execute(connection, "BEGIN")) {}
+  Transaction(const Transaction&) = delete;
+  Transaction& operator=(const Transaction&) = delete;
+  ~Transaction() {
+    if (isOpen_) {
+      execute(connection_, "ROLLBACK");
+    }
+  }
+
+  bool isOpen() const { return isOpen_; }
+  bool commit() {
+    isOpen_ = false;
+    return execute(connection_, "COMMIT");
+  }
+
+ private:
+  DBConnect_tag* connection_;
+  bool isOpen_;
+};
+
+// Whether a restore made the staged copy of `table`. All of these must hold:
+// - Both are ordinary tables.
+// - The note says so: the restore that is noted was loading when it was killed, or it noted this very table.
+// - The copy is the younger one. The server counts object identifiers up from one table to the next, and a table keeps
+//   its own through every renaming. So a live table that a backup has renamed is always older than one that the
+//   application has made since under the live name, whatever the note says. After 2^32 objects the count begins anew;
+//   two tables that are more than half of that apart are not compared.
+constexpr const char* kIsRestoresCopy =
+    "SELECT staged.oid FROM pg_class staged, pg_class live, pg_db_role_setting noted, unnest(noted.setconfig) AS note "
+    "WHERE staged.oid = to_regclass('public.%s_bak') AND live.oid = to_regclass('public.%s') "
+    "AND staged.relkind = 'r' AND live.relkind = 'r' "
+    "AND staged.oid > live.oid AND staged.oid::bigint - live.oid::bigint < 2147483648 "
+    "AND noted.setrole = 0 AND noted.setdatabase = (SELECT oid FROM pg_database WHERE datname = current_database()) "
+    "AND (note = 'kavophoto_backup.staged=loading' OR (note LIKE 'kavophoto_backup.staged=%%' "
+    "AND staged.oid::text = ANY (string_to_array(split_part(note, '=', 2), ' '))))";
+
+void logLeftAlone(const char* table) {
+  KAVO_LOG(
+      "Table %s_bak is left alone, it may be the only copy of its rows: table %s exists too, and no restore made "
+      "%s_bak. "
+      "Compare the two, drop or rename the one that is not needed, and run again.",
+      table, table, table);
+}
+
+void logWithoutLiveTable(const char* table) {
+  KAVO_LOG(
+      "Table %s_bak is left alone, it may be the only copy of its rows: there is no table %s. The next run renames it "
+      "to "
+      "%s.",
+      table, table, table);
+}
+
+// The one place where the tool drops a table. Nothing is dropped but a copy that a restore made of a live table that
+// still exists. The lock keeps the live table from being dropped or renamed until the copy is gone; it is taken before
+// anything is looked at.
+void dropStagedTable(DBConnect_tag* connection, const char* table) {
+  Transaction transaction(connection);
+  Result isRestoresCopy;
+  if (!transaction.isOpen() || !execute(connection, formatText("LOCK TABLE %s IN ACCESS SHARE MODE", table)) ||
+      !execute(connection, formatText(kIsRestoresCopy, table, table), isRestoresCopy)) {
+    return;
+  }
+  if (!hasRows(isRestoresCopy)) {
+    logLeftAlone(table);
+    return;
+  }
+  const std::string statement = formatText("DROP TABLE %s_bak", table);
+  Result dropped;
+  if (KAVODBExecute(connection, statement.c_str(), &dropped.handle) == -1) {
+    KAVO_LOG("Failed to execute commend: %s", statement.c_str());
+    KAVO_LOG("Table %s_bak, a copy of table %s that a restore made, cannot be dropped (%s). Drop it and run again.",
+             table, table, KAVODBErrorGet(connection));
+    return;
+  }
+  transaction.commit();
 }
 
 }  // namespace
@@ -67,7 +167,7 @@ int KavophotoTableRename(const char* table) {
     KAVO_LOG("KavophotoTableRename: bad parameters.\n");
     return -1;
   }
-  if (statementRunner(formatText("ALTER TABLE %s RENAME TO %s_bak;", table, table)).run(true, false) < 0) {
+  if (!runStatement(formatText("ALTER TABLE %s RENAME TO %s_bak;", table, table))) {
     KAVO_LOG("KavophotoTableRename: Fail to rename table %s\n", table);
   }
   return 0;
@@ -78,8 +178,7 @@ int KavophotoTableRenameBack(const std::string& table) {
     KAVO_LOG("KavophotoTableRename: bad parameters.\n");
     return -1;
   }
-  if (statementRunner(formatText("ALTER TABLE %s_bak RENAME TO %s;", table.c_str(), table.c_str())).run(true, false) <
-      0) {
+  if (!runStatement(formatText("ALTER TABLE %s_bak RENAME TO %s;", table.c_str(), table.c_str()))) {
     KAVO_LOG("KavophotoTableRenameBack: Fail to rename back table %s\n", table.c_str());
   }
   return 0;
@@ -95,41 +194,71 @@ int addDBPrimaryKey(const char* table, const char* keyColumn) {
   return 0;
 }
 
-int dropStagedTables(DBConnect_tag* connection, std::span<const char* const> tables,
-                     const std::vector<std::string>& spared) {
-  const auto staged = existingTables(connection, tables, "_bak");
-  if (!staged) {
+void recoverStagedTables(std::span<const char* const> tables) {
+  const Connection connection = connectTo("photo");
+  if (!connection) {
+    return;
+  }
+  const auto staged = namesOfKind(connection.get(), tables, "_bak", kRenamable);
+  const auto live = namesOfKind(connection.get(), tables, "", kAnyKind);
+  for (const char* table : tables) {
+    if (staged && live && contains(*staged, formatText("%s_bak", table)) && !contains(*live, table)) {
+      KavophotoTableRenameBack(table);
+    }
+  }
+}
+
+int dropStagedTables(DBConnect_tag* connection, std::span<const char* const> tables) {
+  const auto staged = stagedTables(connection, tables);
+  const auto live = staged ? namesOfKind(connection, tables, "", kAnyKind) : std::nullopt;
+  if (!live || !keepRunLock()) {
     return -1;
   }
   for (const char* table : tables) {
-    const std::string name = formatText("%s_bak", table);
-    if (!contains(*staged, name) || contains(spared, table)) {
+    if (!contains(*staged, formatText("%s_bak", table))) {
       continue;
     }
-    const std::string statement = formatText("DROP TABLE %s", name.c_str());
-    Result dropped;
-    if (KAVODBExecute(connection, statement.c_str(), &dropped.handle) == -1) {
-      KAVO_LOG("Failed to execute commend: %s", statement.c_str());
+    if (contains(*live, table)) {
+      dropStagedTable(connection, table);
+    } else {
+      logWithoutLiveTable(table);
     }
   }
   return 0;
 }
 
-std::vector<std::string> dropLeftoverTables(DBConnect_tag* connection, std::span<const char* const> tables) {
-  const auto spared = onlyCopies(connection, tables);
-  if (!spared) {
-    return {tables.begin(), tables.end()};
+bool freeStagedNames(DBConnect_tag* connection, std::span<const char* const> tables) {
+  if (dropStagedTables(connection, tables) < 0) {
+    return false;
   }
-  dropStagedTables(connection, tables, *spared);
-  return *spared;
+  const auto taken = namesOfKind(connection, tables, "_bak", kAnyKind);
+  const auto logged = taken ? stagedTables(connection, tables) : std::nullopt;
+  if (!logged) {
+    return false;
+  }
+  for (const std::string& name : *taken) {
+    if (!contains(*logged, name)) {
+      KAVO_LOG("%s is no table, but a table needs the name for a while. Rename or drop it and run again.",
+               name.c_str());
+    }
+  }
+  return taken->empty() && clearNote(connection);
 }
 
-void recoverStagedTables(std::span<const char* const> tables) {
-  std::optional<std::vector<std::string>> names;
-  if (const Connection connection = connectTo("photo")) {
-    names = onlyCopies(connection.get(), tables);
+bool noteStagingBegins(DBConnect_tag* connection) { return note(connection, "loading"); }
+
+bool noteStagedTables(DBConnect_tag* connection, std::span<const char* const> tables) {
+  const auto identifiers =
+      listNames(connection,
+                formatText("SELECT oid FROM pg_class WHERE relnamespace = 'public'::regnamespace and relname in (%s)",
+                           quotedNames(tables, "_bak").c_str()),
+                "oid");
+  if (!identifiers) {
+    return false;
   }
-  for (const std::string& name : names.value_or(std::vector<std::string>())) {
-    KavophotoTableRenameBack(name);
+  std::string list;
+  for (const std::string& identifier : *identifiers) {
+    list += (list.empty() ? "" : " ") + identifier;
   }
+  return note(connection, list);
 }

@@ -24,16 +24,6 @@ bool writeTableEntries(const std::string& path, std::string_view listing) {
   return true;
 }
 
-bool listAndFilter(const std::string& dir) {
-  KAVOUtils::ProcessRunner list("/usr/bin/pg_restore", "/usr/bin/pg_restore", "-U", "postgres", "-l",
-                                joinPath(dir, "kavophoto_backup.dump").c_str());
-  if (list.run(true, true) < 0) {
-    KAVO_LOG("Failed when executing commend: %s\n", list.toString().c_str());
-    return false;
-  }
-  return writeTableEntries(joinPath(dir, "toc_file"), list.getCapturedOutput());
-}
-
 }  // namespace
 
 std::string tableEntries(std::string_view listing) {
@@ -48,8 +38,19 @@ std::string tableEntries(std::string_view listing) {
   return entries;
 }
 
+std::optional<std::string> listDump(const std::string& dir) {
+  KAVOUtils::ProcessRunner list("/usr/bin/pg_restore", "/usr/bin/pg_restore", "-U", "postgres", "-l",
+                                joinPath(dir, "kavophoto_backup.dump").c_str());
+  if (list.run(true, true) < 0) {
+    KAVO_LOG("Failed when executing commend: %s\n", list.toString().c_str());
+    return std::nullopt;
+  }
+  return list.getCapturedOutput();
+}
+
 int makeTocFile(const std::string& dir) {
-  const bool made = listAndFilter(dir);
+  const std::optional<std::string> listing = listDump(dir);
+  const bool made = listing && writeTableEntries(joinPath(dir, "toc_file"), *listing);
   removeIfThere(joinPath(dir, "toc_file.tmp"));
   return made ? 0 : -1;
 }

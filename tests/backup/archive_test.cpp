@@ -9,6 +9,8 @@
 #include <filesystem>
 
 #include "backup/backup_time.h"
+#include "platform/query.h"
+#include "restore/staging.h"
 #include "support/filled_tables.h"
 #include "support/tool_test.h"
 
@@ -492,6 +494,7 @@ TEST_F(ArchiveTest, HoldsTheLiveRowsAfterARestoreThatStoppedHalfway) {
 
 TEST_F(ArchiveTest, SharedLeftoverOfAnOlderRestoreIsNotDumpedInPlaceOfTheLiveTable) {
   live().exec("INSERT INTO photo_share VALUES (1, 'live')");
+  EXPECT_TRUE(noteStagingBegins(connectTo("photo").get()));
   live().exec("CREATE TABLE photo_share_bak AS SELECT 2 AS shareid, 'stale'::text AS sharename");
   backUpWith({});
   expectRows(live(), "SELECT shareid, sharename FROM photo_share", {{"1", "live"}});
@@ -500,6 +503,96 @@ TEST_F(ArchiveTest, SharedLeftoverOfAnOlderRestoreIsNotDumpedInPlaceOfTheLiveTab
   options.program = "/usr/bin/pg_restore";
   EXPECT_THAT(appliance::runTool({"-f", "-", "-t", "photo_share_bak", "/tmp/dump"}, options).out,
               ::testing::AllOf(::testing::HasSubstr("live"), ::testing::Not(::testing::HasSubstr("stale"))));
+}
+
+class StagedNameTest : public ArchiveTest {
+ protected:
+  // No program is started, and the archive of the day before stays.
+  void expectNothingDone(const std::vector<::testing::Matcher<const std::string&>>& messages) {
+    writeFile(workDirectory() + "kavophoto.backup", "older");
+    for (const char* program : {"/usr/bin/psql", "/usr/bin/pg_dump", "/bin/tar"}) {
+      replaceProgram(program, "touch /tmp/started");
+    }
+    const auto before = appliance::contents("photo");
+    EXPECT_EQ(backUp().status, 0);
+    expectMessagesMatch(messages);
+    EXPECT_FALSE(exists("/tmp/started"));
+    EXPECT_EQ(readFile(workDirectory() + "kavophoto.backup"), "older");
+    EXPECT_EQ(appliance::contents("photo"), before);
+    appliance::restorePrograms();
+  }
+};
+
+TEST_F(StagedNameTest, TakenBySomebodysTableMakesNoArchive) {
+  live().exec("CREATE TABLE photo_share_bak AS SELECT 2 AS shareid, 'precious'::text AS sharename");
+  expectNothingDone(
+      {"Table photo_share_bak is left alone, it may be the only copy of its rows: table photo_share exists too, and no "
+       "restore made photo_share_bak. Compare the two, drop or rename the one that is not needed, and run again."});
+  live().exec("ALTER TABLE photo_share_bak RENAME TO my_share");
+  backUpWith({});
+  expectRows(live(), "SELECT sharename FROM my_share", {{"precious"}});
+}
+
+TEST_F(StagedNameTest, TakenByACopyThatCannotBeDroppedMakesNoArchive) {
+  EXPECT_TRUE(noteStagingBegins(connectTo("photo").get()));
+  live().exec("CREATE TABLE photo_share_bak (LIKE photo_share); CREATE VIEW v AS SELECT * FROM photo_share_bak");
+  expectNothingDone({"Failed to execute commend: DROP TABLE photo_share_bak",
+                     ::testing::StartsWith("Table photo_share_bak, a copy of table photo_share that a restore made, "
+                                           "cannot be dropped (ERROR:  cannot drop table photo_share_bak because")});
+}
+
+TEST_F(StagedNameTest, TakenByAnIndexMakesNoArchive) {
+  live().exec("CREATE INDEX photo_share_bak ON photo_log (logid)");
+  expectNothingDone(
+      {"photo_share_bak is no table, but a table needs the name for a while. Rename or drop it and run "
+       "again."});
+}
+
+// The application finds its table missing while the backup has it and makes a new one.
+TEST_F(StagedNameTest, TakenByTheLiveTableBecauseTheApplicationMadeAnotherOneKeepsItsRows) {
+  live().exec("INSERT INTO photo_config VALUES ('m', 'k', 'precious')");
+  replaceProgram(
+      "/usr/bin/pg_dump",
+      R"("$REAL" "$@"; /usr/bin/psql photo -U postgres -qc 'CREATE TABLE photo_config (LIKE photo_config_bak)')");
+  backUpWith({"KavophotoTableRenameBack: Fail to rename back table photo_config\n"});
+  expectNothingDone(
+      {"Table photo_config_bak is left alone, it may be the only copy of its rows: table photo_config exists too, and "
+       "no restore made photo_config_bak. Compare the two, drop or rename the one that is not needed, and run again."});
+  expectRows(live(), "SELECT config_value FROM photo_config_bak", {{"precious"}});
+  live().exec("DROP TABLE photo_config");
+  backUpWith({});
+  expectRows(live(), "SELECT config_value FROM photo_config", {{"precious"}});
+}
+
+TEST_F(ArchiveTest, TablesThatCouldNotBeRenamedAreSaidToBeMissing) {
+  replaceProgram("/usr/bin/psql",
+                 R"(case "$5" in *" photo_image RENAME"*|*" category RENAME"*) exit 1;; esac; exec "$REAL" "$@")");
+  backUpWith({"KavophotoTableRename: Fail to rename table photo_image\n",
+              "KavophotoTableRename: Fail to rename table category\n", "The archive does not hold table photo_image.",
+              "The archive does not hold table category.",
+              "KavophotoTableRenameBack: Fail to rename back table photo_image\n",
+              "KavophotoTableRenameBack: Fail to rename back table category\n"});
+  expectDatabaseAsBefore();
+}
+
+TEST_F(ArchiveTest, PartitionedTableIsSaidToBeWithoutItsRows) {
+  live().exec(
+      "DROP TABLE photo_log; CREATE TABLE photo_log (logid integer) PARTITION BY RANGE (logid);"
+      "CREATE TABLE part PARTITION OF photo_log DEFAULT; INSERT INTO photo_log VALUES (1)");
+  backUpWith({"The archive does not hold the rows of table photo_log, only its columns."});
+  EXPECT_EQ(live().count("photo_log"), 1);
+}
+
+TEST_F(ArchiveTest, ViewInThePlaceOfATableIsSaidToBeMissing) {
+  live().exec("DROP TABLE photo_log; CREATE VIEW photo_log AS SELECT 1 AS logid");
+  backUpWith({"The archive does not hold table photo_log."});
+  EXPECT_EQ(live().count("photo_log"), 1);
+}
+
+TEST_F(ArchiveTest, DumpThatCannotBeListedIsLoggedAndPacked) {
+  hideProgram("/usr/bin/pg_restore");
+  backUpWith({"Failed when executing commend: /usr/bin/pg_restore -U postgres -l /tmp/backup/kavophoto_backup.dump\n"});
+  EXPECT_EQ(listArchive(workDirectory() + "kavophoto.backup"), membersWith({}));
 }
 
 }  // namespace

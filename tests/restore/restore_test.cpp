@@ -7,6 +7,9 @@
 #include "main/path_check.h"
 #include "main/registry.h"
 #include "platform/overwrite_mode.h"
+#include "platform/query.h"
+#include "platform/run_lock.h"
+#include "restore/staging.h"
 #include "support/tool_test.h"
 
 namespace {
@@ -232,6 +235,7 @@ TEST_F(RestoreTest, CutDumpFailsTheLoadAndTouchesNoLiveRow) {
 }
 
 TEST_F(RestoreTest, LeftoverStagedTablesAreDroppedBeforeTheLoad) {
+  EXPECT_TRUE(noteStagingBegins(connectTo("photo").get()));
   live().exec("CREATE TABLE photo_config_bak AS SELECT 'stale' AS module_name");
   archiveOfOther();
   restore(0, {});
@@ -239,28 +243,74 @@ TEST_F(RestoreTest, LeftoverStagedTablesAreDroppedBeforeTheLoad) {
   EXPECT_EQ(live().count("photo_config"), 0);
 }
 
+TEST_F(RestoreTest, LoadsNothingBesideATableOfSomebodyElse) {
+  live().exec(
+      "INSERT INTO photo_config VALUES ('m', 'k', 'live'); CREATE TABLE photo_config_bak AS SELECT * FROM "
+      "photo_config");
+  other().exec("INSERT INTO photo_config VALUES ('m', 'k', 'saved'), ('m', 'other', 'saved')");
+  archiveOfOther();
+  const auto before = appliance::contents("photo");
+  replaceProgram("/usr/bin/pg_restore", std::string("[ \"$3\" = -d ] && touch /tmp/loading; ") + kGoOn);
+  restore(255,
+          {"Table photo_config_bak is left alone, it may be the only copy of its rows: table photo_config exists too, "
+           "and no restore made photo_config_bak. Compare the two, drop or rename the one that is not needed, and run "
+           "again.",
+           "KavophotoRestoreDB failed when restore dump file.\n", kCannot},
+          {"-o"});
+  EXPECT_EQ(appliance::contents("photo"), before);
+  EXPECT_FALSE(exists("/tmp/loading"));
+}
+
+TEST_F(RestoreTest, LoadsNothingBesideALeftoverThatCannotBeDropped) {
+  EXPECT_TRUE(noteStagingBegins(connectTo("photo").get()));
+  live().exec("CREATE TABLE photo_config_bak (LIKE photo_config); CREATE VIEW v AS SELECT * FROM photo_config_bak");
+  other().exec("INSERT INTO photo_config VALUES ('m', 'k', 'saved')");
+  archiveOfOther();
+  EXPECT_EQ(run({"-r", workDirectory()}).status, 255);
+  EXPECT_THAT(
+      appliance::takeMessages(),
+      ::testing::ElementsAre("Failed to execute commend: DROP TABLE photo_config_bak",
+                             ::testing::StartsWith("Table photo_config_bak, a copy of table photo_config that a "
+                                                   "restore made, cannot be dropped (ERROR:  cannot drop"),
+                             "KavophotoRestoreDB failed when restore dump file.\n", kCannot));
+  EXPECT_EQ(live().count("photo_config_bak"), 0);
+}
+
+TEST_F(RestoreTest, LeavesNoNoteBehind) {
+  archiveOfOther();
+  restore(0, {});
+  expectRows(live(), "SELECT unnest(setconfig) FROM pg_db_role_setting WHERE setrole = 0", {});
+}
+
+TEST_F(RestoreTest, CopyOfATableThatTheLiveDatabaseLacksIsLeftAndSaid) {
+  other().exec("INSERT INTO category (name) VALUES ('saved')");
+  archiveOfOther();
+  live().exec("DROP TABLE category");
+  EXPECT_EQ(run({"-r", workDirectory()}).status, 0);
+  EXPECT_THAT(appliance::takeMessages(),
+              ::testing::Contains("Table category_bak is left alone, it may be the only copy of its rows: there is no "
+                                  "table category. The next run renames it to category."));
+  EXPECT_EQ(run({"-e", workDirectory()}).status, 0);
+  expectNoMessages();
+  expectRows(live(), "SELECT name FROM category", {{"saved"}});
+}
+
 TEST_F(RestoreTest, OnlyCopyOfATableIsNeverDropped) {
+  other().exec("INSERT INTO category (name, hidden, order_number) VALUES ('saved', false, 1)");
   archiveOfOther();
   live().exec("INSERT INTO category (name) VALUES ('only here'); ALTER TABLE category RENAME TO category_bak");
-  // The renaming back fails, and the dump holds no such table that would fail the load.
+  // The renaming back fails.
   replaceProgram("/usr/bin/psql", R"(case "$5" in *"RENAME TO category;") exit 1;; esac; exec "$REAL" "$@")");
-  other().exec("DROP TABLE category");
-  makeArchive(workDirectory(), "other");
-  EXPECT_EQ(run({"-r", workDirectory()}).status, 0);
-  EXPECT_THAT(appliance::takeMessages().at(0), "KavophotoTableRenameBack: Fail to rename back table category\n");
-  expectRows(live(), "SELECT name FROM category_bak", {{"only here"}});
-
-  // With the table in the dump the load fails, and the rows stay too.
-  appliance::createDatabase("whole");
-  makeArchive(workDirectory(), "whole");
-  EXPECT_EQ(run({"-r", workDirectory()}).status, 255);
-  expectMessages({"KavophotoTableRenameBack: Fail to rename back table category\n",
-                  "KavophotoRestoreDB failed when restore dump file.\n", kCannot});
+  restore(255,
+          {"KavophotoTableRenameBack: Fail to rename back table category\n",
+           "Table category_bak is left alone, it may be the only copy of its rows: there is no table category. The "
+           "next run renames it to category.",
+           "KavophotoRestoreDB failed when restore dump file.\n", kCannot});
   expectRows(live(), "SELECT name FROM category_bak", {{"only here"}});
 
   appliance::restorePrograms();
   restore(0, {});
-  expectRows(live(), "SELECT name FROM category", {{"only here"}});
+  expectRows(live(), "SELECT name FROM category ORDER BY name", {{"only here"}, {"saved"}});
   EXPECT_EQ(stagedCount(), "0");
 }
 
@@ -557,6 +607,7 @@ TEST_F(RestoreTest, ClosesItsConnection) {
   archiveOfOther();
   EXPECT_EQ(result(), 0);
   expectNoMessages();
+  releaseRunLock();
   // Backends end a moment after their clients.
   live().exec(
       "DO $$ BEGIN FOR n IN 1..200 LOOP PERFORM pg_stat_clear_snapshot(); EXIT WHEN NOT EXISTS (SELECT FROM "

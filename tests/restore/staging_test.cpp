@@ -32,11 +32,32 @@ class StagingTest : public appliance::ToolTest {
     return "SELECT tablename FROM pg_tables WHERE schemaname = 'public' and tablename in (" + names + ")";
   }
 
-  static int drop(const std::vector<std::string>& spared = {}) {
-    return dropStagedTables(connectTo("photo").get(), kTableList, spared);
+  // Makes copies as a restore does that is killed while it loads.
+  void stageAsRestore(const std::vector<std::string>& tables) {
+    EXPECT_TRUE(noteStagingBegins(connectTo("photo").get()));
+    for (const std::string& table : tables) {
+      stage(table);
+    }
+  }
+  static void noteAsLoaded() { EXPECT_TRUE(noteStagedTables(connectTo("photo").get(), kTableList)); }
+
+  std::string note() {
+    const Rows notes = live().rows("SELECT unnest(setconfig) FROM pg_db_role_setting WHERE setrole = 0");
+    return notes.empty() ? "" : notes[0][0];
   }
 
-  static std::vector<std::string> dropLeftovers() { return dropLeftoverTables(connectTo("photo").get(), kTableList); }
+  static int drop() { return dropStagedTables(connectTo("photo").get(), kTableList); }
+  static bool freeNames() { return freeStagedNames(connectTo("photo").get(), kTableList); }
+
+  static std::string leftAlone(const std::string& table) {
+    return "Table " + table + "_bak is left alone, it may be the only copy of its rows: table " + table +
+           " exists too, and no restore made " + table +
+           "_bak. Compare the two, drop or rename the one that is not needed, and run again.";
+  }
+  static std::string withoutLiveTable(const std::string& table) {
+    return "Table " + table + "_bak is left alone, it may be the only copy of its rows: there is no table " + table +
+           ". The next run renames it to " + table + ".";
+  }
 };
 
 TEST_F(StagingTest, RenamesThereAndBackWithAllRows) {
@@ -90,17 +111,25 @@ TEST_F(StagingTest, FailedPrimaryKeyIsLoggedWithItsCommand) {
        "photo_image_bak_pkey PRIMARY KEY (id))."});
 }
 
-TEST_F(StagingTest, DropsTheStagedTablesOfTheListOnly) {
-  for (const std::string& table : tableNames()) {
-    stage(table);
-  }
+TEST_F(StagingTest, DropsTheCopiesOfARestoreThatWasKilledWhileItLoaded) {
+  stageAsRestore(tableNames());
   stage("video");
   live().exec("CREATE SCHEMA elsewhere; CREATE TABLE elsewhere.photo_share_bak (id integer)");
-  const auto live_tables = appliance::contents("photo").size();
+  const auto tables = appliance::contents("photo").size();
   EXPECT_EQ(drop(), 0);
   EXPECT_EQ(stagedTables(), (Rows{{"video_bak"}}));
-  EXPECT_EQ(appliance::contents("photo").size(), live_tables - tableNames().size());
+  EXPECT_EQ(appliance::contents("photo").size(), tables - tableNames().size());
   EXPECT_EQ(live().count("elsewhere.photo_share_bak"), 0);
+  expectNoMessages();
+}
+
+TEST_F(StagingTest, DropsTheCopiesThatARestoreNotedAfterItsLoad) {
+  stageAsRestore(tableNames());
+  noteAsLoaded();
+  EXPECT_NE(note(), "kavophoto_backup.staged=loading");
+  EXPECT_TRUE(freeNames());
+  EXPECT_EQ(stagedTables(), Rows{});
+  EXPECT_EQ(note(), "");
   expectNoMessages();
 }
 
@@ -108,43 +137,95 @@ TEST_F(StagingTest, DropsNothingWhereNothingIsStaged) {
   const auto before = appliance::structure("photo");
   EXPECT_EQ(drop(), 0);
   EXPECT_EQ(appliance::structure("photo"), before);
+  EXPECT_TRUE(freeNames());
+  EXPECT_EQ(appliance::structure("photo"), before);
   expectNoMessages();
 }
 
-TEST_F(StagingTest, SparesTheNamedTables) {
+TEST_F(StagingTest, LeavesACopyThatSomebodyMade) {
   stage("photo_share");
+  EXPECT_EQ(drop(), 0);
+  expectMessages({leftAlone("photo_share")});
+  EXPECT_FALSE(freeNames());
+  expectMessages({leftAlone("photo_share")});
+  EXPECT_EQ(stagedTables(), (Rows{{"photo_share_bak"}}));
+}
+
+TEST_F(StagingTest, LeavesACopyThatSomebodyMadeAfterARestoreNotedItsOwn) {
+  stageAsRestore({"photo_share"});
+  noteAsLoaded();
   stage("category");
-  EXPECT_EQ(drop({"category"}), 0);
+  EXPECT_FALSE(freeNames());
+  expectMessages({leftAlone("category")});
   EXPECT_EQ(stagedTables(), (Rows{{"category_bak"}}));
 }
 
+TEST_F(StagingTest, LeavesTheLiveTableOfAKilledBackupWhenTheApplicationMadeAnotherOne) {
+  live().exec("INSERT INTO photo_config VALUES ('m', 'k', 'precious')");
+  EXPECT_TRUE(noteStagingBegins(connectTo("photo").get()));
+  live().exec("ALTER TABLE photo_config RENAME TO photo_config_bak; CREATE TABLE photo_config (LIKE photo_config_bak)");
+  EXPECT_FALSE(freeNames());
+  expectMessages({leftAlone("photo_config")});
+  EXPECT_EQ(live().value("SELECT config_value FROM photo_config_bak"), "precious");
+}
+
+TEST_F(StagingTest, LeavesWhatIsNoOrdinaryTable) {
+  EXPECT_TRUE(noteStagingBegins(connectTo("photo").get()));
+  live().exec(
+      "CREATE TABLE photo_share_bak (id integer) PARTITION BY RANGE (id);"
+      "CREATE VIEW category_bak AS SELECT 1 AS id; CREATE SEQUENCE photo_user_bak");
+  EXPECT_FALSE(freeNames());
+  const auto noTable = [](const std::string& name) {
+    return name + " is no table, but a table needs the name for a while. Rename or drop it and run again.";
+  };
+  EXPECT_THAT(
+      appliance::takeMessages(),
+      ::testing::UnorderedElementsAre(leftAlone("photo_share"), noTable("category_bak"), noTable("photo_user_bak")));
+  EXPECT_EQ(live().value("SELECT count(*) FROM pg_class WHERE relname IN ('photo_share_bak', 'category_bak', "
+                         "'photo_user_bak')"),
+            "3");
+}
+
+TEST_F(StagingTest, LeavesACopyOfALiveTableThatIsNoOrdinaryTable) {
+  live().exec("DROP TABLE photo_log; CREATE TABLE photo_log (logid integer) PARTITION BY RANGE (logid)");
+  stageAsRestore({"photo_log"});
+  EXPECT_EQ(drop(), 0);
+  expectMessages({leftAlone("photo_log")});
+}
+
 TEST_F(StagingTest, GoesOnAfterATableThatCannotBeDropped) {
-  stage("photo_label");
-  stage("photo_share");
+  stageAsRestore({"photo_label", "photo_share"});
   live().exec("CREATE VIEW depends AS SELECT * FROM photo_label_bak");
   EXPECT_EQ(drop(), 0);
-  expectMessages({"Failed to execute commend: DROP TABLE photo_label_bak"});
+  const std::vector<std::string> messages = {
+      "Failed to execute commend: DROP TABLE photo_label_bak",
+      "Table photo_label_bak, a copy of table photo_label that a restore made, cannot be dropped (ERROR:  cannot drop "
+      "table photo_label_bak because other objects depend on it  DETAIL:  view depends depends on table "
+      "photo_label_bak  HINT:  Use DROP ... CASCADE to drop the dependent objects too.). Drop it and run again."};
+  expectMessages(messages);
   EXPECT_EQ(stagedTables(), (Rows{{"photo_label_bak"}}));
+  EXPECT_FALSE(freeNames());
+  expectMessages(messages);
+  live().exec("DROP VIEW depends");
+  EXPECT_TRUE(freeNames());
+  EXPECT_EQ(stagedTables(), Rows{});
 }
 
 TEST_F(StagingTest, DropThatCannotListTheTablesIsAFailure) {
-  stage("photo_share");
-  EXPECT_EQ(dropStagedTables(nullptr, kTableList, {}), -1);
+  stageAsRestore({"photo_share"});
+  EXPECT_EQ(dropStagedTables(nullptr, kTableList), -1);
+  expectMessages({"Failed to exec [" + listStatement() + "] (no connection)"});
+  EXPECT_FALSE(freeStagedNames(nullptr, kTableList));
   expectMessages({"Failed to exec [" + listStatement() + "] (no connection)"});
   EXPECT_EQ(stagedTables(), (Rows{{"photo_share_bak"}}));
 }
 
-TEST_F(StagingTest, LeftoverWithoutALiveTableIsSparedAndNamed) {
-  stage("photo_share");
+TEST_F(StagingTest, LeavesACopyWithoutALiveTable) {
+  stageAsRestore({"photo_share"});
   live().exec("ALTER TABLE category RENAME TO category_bak; ALTER TABLE photo_label RENAME TO photo_label_bak");
-  EXPECT_EQ(dropLeftovers(), (std::vector<std::string>{"photo_label", "category"}));
+  EXPECT_FALSE(freeNames());
   EXPECT_EQ(stagedTables(), (Rows{{"category_bak"}, {"photo_label_bak"}}));
-  expectNoMessages();
-}
-
-TEST_F(StagingTest, LeftoversThatCannotBeListedAreAllSpared) {
-  EXPECT_EQ(dropLeftoverTables(nullptr, kTableList), tableNames());
-  expectMessages({"Failed to exec [" + listStatement() + "] (no connection)"});
+  expectMessages({withoutLiveTable("photo_label"), withoutLiveTable("category")});
 }
 
 TEST_F(StagingTest, RecoversExactlyTheTablesWithoutALiveOne) {
