@@ -1,27 +1,111 @@
 #include "platform/process_runner.h"
 
 #include <fcntl.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <initializer_list>
+#include <string_view>
 
 #include "platform/handles.h"
 
 namespace {
 
-// The child's standard streams.
-struct SpawnActions {
-  SpawnActions() { posix_spawn_file_actions_init(&actions); }
-  SpawnActions(const SpawnActions&) = delete;
-  SpawnActions& operator=(const SpawnActions&) = delete;
-  ~SpawnActions() { posix_spawn_file_actions_destroy(&actions); }
-
-  posix_spawn_file_actions_t actions = {};
+// What the tool's children get in place of what the tool was given. A null value removes the variable.
+struct Variable {
+  std::string_view name;
+  const char* value;
 };
+constexpr std::array kChildVariables = {
+    // The server's administrators see whose sessions these are, and the next run finds those that were left over.
+    Variable{"PGAPPNAME", "kavophoto_backup"},
+    // With "\set AUTOCOMMIT off" in the user's own ~/.psqlrc every rename would be rolled back when psql ends.
+    Variable{"PSQLRC", "/dev/null"},
+    // The archive's format, compression and members are the tool's to choose. With POSIXLY_CORRECT tar takes the "-C"
+    // that follows the members for a member too.
+    Variable{"TAR_OPTIONS", nullptr},
+    Variable{"TAPE", nullptr},
+    Variable{"GZIP", nullptr},
+    Variable{"POSIXLY_CORRECT", nullptr},
+    // pg_dump would write the texts in this encoding instead of the database's own.
+    Variable{"PGCLIENTENCODING", nullptr},
+    // libpq sends these two apart from the session options, and the server lets them win over those.
+    Variable{"PGTZ", nullptr},
+    Variable{"PGDATESTYLE", nullptr},
+};
+
+bool isChildVariable(std::string_view entry) {
+  const std::string_view name = entry.substr(0, entry.find('='));
+  return std::any_of(kChildVariables.begin(), kChildVariables.end(),
+                     [name](const Variable& variable) { return variable.name == name; });
+}
+
+std::vector<std::string> childEnvironment() {
+  std::vector<std::string> entries;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    if (!isChildVariable(*entry)) {
+      entries.emplace_back(*entry);
+    }
+  }
+  for (const Variable& variable : kChildVariables) {
+    if (variable.value != nullptr) {
+      entries.push_back(std::string(variable.name) + "=" + variable.value);
+    }
+  }
+  return entries;
+}
+
+// Null-terminated, as exec takes them; valid as long as the texts are.
+std::vector<char*> pointersTo(std::vector<std::string>& texts) {
+  std::vector<char*> pointers;
+  pointers.reserve(texts.size() + 1);
+  for (std::string& text : texts) {
+    pointers.push_back(text.data());
+  }
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+// dup2 leaves a descriptor that has the right number already as it is, and it would be closed by the exec.
+bool putAt(int target, int descriptor) {
+  return descriptor == target ? fcntl(target, F_SETFD, 0) == 0 : dup2(descriptor, target) == target;
+}
+
+// `output` is where the program's standard output goes; -1 discards it.
+bool setUpStreams(int output) {
+  if (output < 0) {
+    output = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  }
+  // Standard output first: the pipe may have got descriptor 0 where the caller has none open.
+  return putAt(STDOUT_FILENO, output) && putAt(STDIN_FILENO, open("/dev/null", O_RDONLY | O_CLOEXEC));
+}
+
+// What the caller ignores or blocks, the program would ignore or block too.
+bool setUpSignals() {
+  sigset_t none;
+  sigemptyset(&none);
+  return std::signal(SIGPIPE, SIG_DFL) != SIG_ERR && std::signal(SIGCHLD, SIG_DFL) != SIG_ERR &&
+         sigprocmask(SIG_SETMASK, &none, nullptr) == 0;
+}
+
+// The program ends with the tool: one that outlived it would rename or copy later, under another run. A parent that
+// ended before the kernel was asked for that is no longer the parent.
+bool endWith(pid_t parent) { return prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && getppid() == parent; }
+
+// Between fork and exec, so only calls that are safe in a signal handler.
+[[noreturn]] void becomeProgram(pid_t parent, const char* path, char* const* arguments, char* const* environment,
+                                int output) {
+  constexpr int kNotStarted = 127;
+  if (endWith(parent) && setUpStreams(output) && setUpSignals()) {
+    execve(path, arguments, environment);
+  }
+  _exit(kNotStarted);
+}
 
 void append(std::vector<std::string>& list, std::initializer_list<const char*> arguments) {
   for (const char* argument : arguments) {
@@ -84,25 +168,16 @@ int ProcessRunner::run(bool /*wait*/, bool captureOutput) {
     writeEnd.reset(ends[1]);
   }
 
-  SpawnActions streams;
-  if (captureOutput) {
-    posix_spawn_file_actions_adddup2(&streams.actions, writeEnd.get(), STDOUT_FILENO);
-  } else {
-    posix_spawn_file_actions_addopen(&streams.actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-  }
-  // After the dup2: the pipe may have got descriptor 0 where the caller has none open.
-  posix_spawn_file_actions_addopen(&streams.actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-
-  std::vector<char*> vector;
-  vector.reserve(arguments_.size() + 1);
-  for (std::string& argument : arguments_) {
-    vector.push_back(argument.data());
-  }
-  vector.push_back(nullptr);
-
-  pid_t child = 0;
-  if (posix_spawn(&child, path_.c_str(), &streams.actions, nullptr, vector.data(), environ) != 0) {
+  std::vector<std::string> variables = childEnvironment();
+  const std::vector<char*> arguments = pointersTo(arguments_);
+  const std::vector<char*> environment = pointersTo(variables);
+  const pid_t parent = getpid();
+  const pid_t child = fork();
+  if (child < 0) {
     return -1;
+  }
+  if (child == 0) {
+    becomeProgram(parent, path_.c_str(), arguments.data(), environment.data(), writeEnd.get());
   }
   // The pipe ends only when no process holds its write end any more, this one included.
   writeEnd.reset();

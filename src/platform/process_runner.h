@@ -18,10 +18,11 @@ class ProcessRunner {
                     const char* a5 = nullptr, const char* a6 = nullptr, const char* a7 = nullptr,
                     const char* a8 = nullptr, const char* a9 = nullptr);
 
-  // Starts the program and waits for its end. The child reads /dev/null, writes to this process's standard error, and
-  // its standard output is captured or discarded. 0 when it ended with status 0; negative when it could not be started,
-  // its output could not be read, or it ended with another status or by a signal. Nothing is logged. `wait` is always
-  // true: there is no running in the background.
+  // Starts the program and waits for its end. The child is killed when the calling thread ends before it. It reads
+  // /dev/null, writes to this process's standard error, and its standard output is captured or discarded. Its
+  // environment is this process's without what would change how the database clients and tar work. 0 when it ended with
+  // status 0; negative when it could not be started, its output could not be read, or it ended with another status or
+  // by a signal. Nothing is logged. `wait` is always true: there is no running in the background.
   int run(bool wait, bool captureOutput);
 
   // What a run with captureOutput printed, whole.

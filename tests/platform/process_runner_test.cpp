@@ -2,15 +2,19 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <memory>
 #include <set>
 #include <sstream>
 #include <string>
+#include <thread>
 
 #include "platform/handles.h"
 #include "platform/query.h"
@@ -19,8 +23,12 @@
 namespace {
 
 using KAVOUtils::ProcessRunner;
+using testing::Each;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
+using testing::IsSupersetOf;
+using testing::MatchesRegex;
+using testing::Not;
 
 constexpr const char* kProgram = "/tmp/program";
 constexpr const char* kCalls = "/tmp/calls";
@@ -274,6 +282,127 @@ TEST_F(Runner, WorksWithoutStandardStreams) {
   EXPECT_EQ(run({"-c", "exec " + appliance::toolPath() + " -r /tmp/backup/ <&- >&- 2>&-"}, shell).status, 0);
   expectNoMessages();
   expectRows(live(), "SELECT config_value FROM photo_config", {{"v"}});
+}
+
+// Blocks and ignores signals, as a caller may have chosen to.
+class ClosedEars {
+ public:
+  ClosedEars() {
+    sigset_t all;
+    sigfillset(&all);
+    sigprocmask(SIG_SETMASK, &all, &mask_);
+    pipe_ = signal(SIGPIPE, SIG_IGN);
+  }
+  ClosedEars(const ClosedEars&) = delete;
+  ClosedEars& operator=(const ClosedEars&) = delete;
+  ~ClosedEars() {
+    signal(SIGPIPE, pipe_);
+    sigprocmask(SIG_SETMASK, &mask_, nullptr);
+  }
+
+ private:
+  sigset_t mask_ = {};
+  void (*pipe_)(int) = SIG_DFL;
+};
+
+TEST_F(Runner, LetsTheProgramHearEverySignal) {
+  const ClosedEars ears;
+  ProcessRunner runner("/bin/grep", "/bin/grep", "-E", "^Sig(Blk|Ign)", "/proc/self/status");
+  EXPECT_EQ(outputOf(runner), "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n");
+}
+
+// A program that was left by its tool is gone when it has ended, collected or not.
+bool isGoneSoon(pid_t program) {
+  const Descriptor handle(static_cast<int>(syscall(SYS_pidfd_open, program, 0)));
+  if (!handle) {
+    return errno == ESRCH;
+  }
+  pollfd ended = {handle.get(), POLLIN, 0};
+  constexpr int kMilliseconds = 20000;
+  return poll(&ended, 1, kMilliseconds) == 1;
+}
+
+TEST_F(Runner, EndsTheProgramWithTheTool) {
+  for (const int signal : {SIGKILL, SIGTERM}) {
+    appliance::reset();
+    appliance::replaceProgram("/usr/bin/pg_dump",
+                              "echo $$ > /tmp/starting; mv /tmp/starting /tmp/child; exec sleep 600");
+    const pid_t tool = appliance::startTool({"-b", appliance::workDirectory()});
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!appliance::exists("/tmp/child") && std::chrono::steady_clock::now() < limit) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    ASSERT_TRUE(appliance::exists("/tmp/child"));
+    const pid_t child = std::stoi(appliance::readFile("/tmp/child"));
+    kill(tool, signal);
+    EXPECT_EQ(appliance::waitTool(tool).status, -signal);
+    EXPECT_TRUE(isGoneSoon(child)) << signal;
+    kill(child, SIGKILL);
+  }
+  leavePidFile();
+}
+
+TEST_F(Runner, GivesTheProgramAnEnvironmentThatChangesNothing) {
+  appliance::replaceProgram("/usr/bin/pg_dump", R"(env > /tmp/environment; exec "$REAL" "$@")");
+  appliance::RunOptions options;
+  options.env = {
+      "PGAPPNAME=other",   "PSQLRC=/tmp/psqlrc",      "TAR_OPTIONS=--format=pax", "TAPE=/tmp/tape",     "GZIP=-1",
+      "POSIXLY_CORRECT=1", "PGCLIENTENCODING=LATIN1", "PGTZ=Asia/Kolkata",        "PGDATESTYLE=German", "GZIPPED=kept"};
+  EXPECT_EQ(run({"-b", appliance::workDirectory()}, options).status, 0);
+  expectNoMessages();
+  const std::vector<std::string> environment = lines(appliance::readFile("/tmp/environment"));
+  EXPECT_THAT(environment, IsSupersetOf({"PGAPPNAME=kavophoto_backup", "PSQLRC=/dev/null", "GZIPPED=kept"}));
+  EXPECT_THAT(environment,
+              Each(Not(MatchesRegex("(TAR_OPTIONS|TAPE|GZIP|POSIXLY_CORRECT|PGCLIENTENCODING|PGTZ|PGDATESTYLE)=.*"))));
+  EXPECT_EQ(std::count_if(environment.begin(), environment.end(),
+                          [](const std::string& entry) { return entry.rfind("PGAPPNAME=", 0) == 0; }),
+            1);
+}
+
+TEST_F(Runner, GivesItsDatabaseSessionsTheToolsName) {
+  live().exec("CREATE TABLE seen (name text)");
+  ProcessRunner runner("/usr/bin/psql", "/usr/bin/psql", "photo", "-U", "postgres", "-c",
+                       "INSERT INTO seen VALUES (current_setting('application_name'))");
+  EXPECT_EQ(runner.run(true, false), 0);
+  expectRows(live(), "SELECT name FROM seen", {{"kavophoto_backup"}});
+}
+
+TEST_F(Runner, PacksAWholeArchiveWhateverTarIsAskedFor) {
+  appliance::writeFile("/var/packages/Lumora/etc/blog/gr\u00fcn.css", "green");
+  for (const char* variable : {"TAR_OPTIONS=--format=pax", "GZIP=--recursive", "POSIXLY_CORRECT=1"}) {
+    appliance::RunOptions options;
+    options.env = {variable};
+    EXPECT_EQ(run({"-b", appliance::workDirectory()}, options).status, 0) << variable;
+    expectNoMessages();
+    const std::vector<std::string> members = appliance::listArchive(appliance::workDirectory() + "kavophoto.backup");
+    EXPECT_THAT(members, testing::Contains("theme_bak/gr\u00fcn.css")) << variable;
+    appliance::removeAll(appliance::workDirectory() + "kavophoto.backup");
+  }
+}
+
+TEST_F(Runner, RenamesAndDumpsEverythingWhateverPsqlIsToldAtHome) {
+  live().exec("INSERT INTO photo_config VALUES ('m', 'k', 'v')");
+  appliance::writeFile("/tmp/home/.psqlrc", "\\set AUTOCOMMIT off\n");
+  appliance::RunOptions options;
+  options.env = {"HOME=/tmp/home"};
+  EXPECT_EQ(run({"-b", appliance::workDirectory()}, options).status, 0);
+  expectNoMessages();
+  live().exec("TRUNCATE photo_config");
+  EXPECT_EQ(run({"-r", appliance::workDirectory()}, options).status, 0);
+  expectNoMessages();
+  expectRows(live(), "SELECT config_value FROM photo_config", {{"v"}});
+}
+
+TEST_F(Runner, DumpsTextsInTheDatabasesOwnEncoding) {
+  live().exec("INSERT INTO photo_config VALUES ('m', 'k', '\u20ac \u6f22')");
+  appliance::RunOptions options;
+  options.env = {"PGCLIENTENCODING=LATIN1"};
+  EXPECT_EQ(run({"-b", appliance::workDirectory()}, options).status, 0);
+  expectNoMessages();
+  live().exec("TRUNCATE photo_config");
+  EXPECT_EQ(run({"-r", appliance::workDirectory()}, options).status, 0);
+  expectNoMessages();
+  expectRows(live(), "SELECT config_value FROM photo_config", {{"\u20ac \u6f22"}});
 }
 
 TEST_F(Runner, TakesAStatementToPsqlAsOneArgument) {
