@@ -144,4 +144,6 @@ bool keepRunLock() {
   return taken == RunLock::kHeld;
 }
 
+DBConnect_tag* runLockConnection() { return lockConnection().get(); }
+
 void releaseRunLock() { lockConnection().reset(); }

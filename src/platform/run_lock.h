@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/database.h"
+
 // The lock that lets only one run work on the database "photo" at a time, whatever becomes of the pid file: a
 // session-level advisory lock of the server, on a connection of its own that is kept until the process ends. The server
 // gives it up when the process ends in any way.
@@ -24,6 +26,9 @@ RunLock takeRunLock();
 // the server was restarted during the run. To be called before anything is renamed, dropped or loaded. A lock that
 // another run has taken meanwhile is logged, once; this process then cannot open a session any more.
 bool keepRunLock();
+
+// The connection that the lock is held on, for reading; null when it is not held.
+DBConnect_tag* runLockConnection();
 
 // Gives the lock up and closes its connection.
 void releaseRunLock();

@@ -18,8 +18,19 @@ KAVOUtils::ProcessRunner statementRunner(const std::string& statement) {
   return KAVOUtils::ProcessRunner("/usr/bin/psql", "/usr/bin/psql", "photo", "-U", "postgres", "-c", statement.c_str());
 }
 
-bool runStatement(const std::string& statement) {
-  return keepRunLock() && statementRunner(statement).run(true, false) >= 0;
+// psql also ends well when its start-up file for the whole system has switched autocommit off, and then nothing was
+// renamed.
+bool hasTable(DBConnect_tag* connection, const std::string& name) {
+  Result found;
+  return KAVODBExecute(
+             connection,
+             formatText("SELECT FROM pg_class WHERE oid = to_regclass('public.%s')", escapeText(name).c_str()).c_str(),
+             &found.handle) != -1 &&
+         hasRows(found);
+}
+
+bool rename(const std::string& statement, const std::string& newName) {
+  return keepRunLock() && statementRunner(statement).run(true, false) >= 0 && hasTable(runLockConnection(), newName);
 }
 
 bool contains(const std::vector<std::string>& names, const std::string& name) {
@@ -167,7 +178,7 @@ int KavophotoTableRename(const char* table) {
     KAVO_LOG("KavophotoTableRename: bad parameters.\n");
     return -1;
   }
-  if (!runStatement(formatText("ALTER TABLE %s RENAME TO %s_bak;", table, table))) {
+  if (!rename(formatText("ALTER TABLE %s RENAME TO %s_bak;", table, table), formatText("%s_bak", table))) {
     KAVO_LOG("KavophotoTableRename: Fail to rename table %s\n", table);
   }
   return 0;
@@ -178,7 +189,7 @@ int KavophotoTableRenameBack(const std::string& table) {
     KAVO_LOG("KavophotoTableRename: bad parameters.\n");
     return -1;
   }
-  if (!runStatement(formatText("ALTER TABLE %s_bak RENAME TO %s;", table.c_str(), table.c_str()))) {
+  if (!rename(formatText("ALTER TABLE %s_bak RENAME TO %s;", table.c_str(), table.c_str()), table)) {
     KAVO_LOG("KavophotoTableRenameBack: Fail to rename back table %s\n", table.c_str());
   }
   return 0;

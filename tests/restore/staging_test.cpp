@@ -85,11 +85,21 @@ TEST_F(StagingTest, FailedRenamingIsLoggedOnly) {
                   "KavophotoTableRenameBack: Fail to rename back table no_table\n"});
 }
 
+// As after "\set AUTOCOMMIT off" in psql's start-up file for the whole system.
+TEST_F(StagingTest, RenamingThatDidNotHappenIsLogged) {
+  replaceProgram("/usr/bin/psql", R"(exec "$REAL" "$1" "$2" "$3" -c "BEGIN; $5 ROLLBACK;")");
+  EXPECT_EQ(KavophotoTableRename("photo_share"), 0);
+  expectMessages({"KavophotoTableRename: Fail to rename table photo_share\n"});
+  EXPECT_EQ(stagedTables(), Rows{});
+}
+
 TEST_F(StagingTest, StatementReachesPsqlAsOneArgument) {
   replaceProgram("/usr/bin/psql", R"(printf '%s\n' "$@" >> /tmp/recorded)");
   EXPECT_EQ(KavophotoTableRename("a 'b'"), 0);
   EXPECT_EQ(KavophotoTableRenameBack("c"), 0);
   EXPECT_EQ(addDBPrimaryKey("t_bak", "id"), 0);
+  expectMessages({"KavophotoTableRename: Fail to rename table a 'b'\n",
+                  "KavophotoTableRenameBack: Fail to rename back table c\n"});
   EXPECT_EQ(readFile("/tmp/recorded"),
             "photo\n-U\npostgres\n-c\nALTER TABLE a 'b' RENAME TO a 'b'_bak;\n"
             "photo\n-U\npostgres\n-c\nALTER TABLE c_bak RENAME TO c;\n"
