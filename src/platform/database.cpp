@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -16,6 +15,7 @@
 #include "platform/awake.h"
 #include "platform/log.h"
 #include "platform/result_rows.h"
+#include "platform/session_options.h"
 
 namespace {
 
@@ -46,36 +46,24 @@ namespace {
 
 constexpr std::string_view kPlaceholder = "@KAVO:VAR";
 
+int gServerVersion = 0;
+
 struct PGResultClearer {
   void operator()(PGresult* result) const { PQclear(result); }
 };
 using PGResultHandle = std::unique_ptr<PGresult, PGResultClearer>;
 
-// Commits need not wait for the disk one by one, because KAVODBClose makes all of them durable at once. The planner's
-// compiler costs more than it gains on statements that touch a row. What else could make the same value read
-// differently from two databases is fixed.
-std::string startUpOptions() {
-  const char* given = std::getenv("PGOPTIONS");
-  return std::string(given != nullptr ? given : "") +
-         " -c standard_conforming_strings=on -c datestyle=ISO -c synchronous_commit=off -c jit=off";
-}
-
 // Notices are the server's remarks on statements that succeeded; the tool reports failures only.
 void ignoreNotice(void* /*argument*/, const PGresult* /*notice*/) {}
 
-// The start-up options yield to PGDATESTYLE, and the encoding of the stored texts is known only once the connection
-// stands.
 bool settleSession(PGconn* connection) {
-  const char* encoding = PQparameterStatus(connection, "server_encoding");
-  if (encoding != nullptr && std::strcmp(encoding, "SQL_ASCII") == 0 &&
-      PQsetClientEncoding(connection, "SQL_ASCII") != 0) {
-    return false;
-  }
-  const char* dates = PQparameterStatus(connection, "DateStyle");
-  if (dates == nullptr || std::strncmp(dates, "ISO", 3) == 0) {
+  const std::string statements =
+      settlingStatements({PQserverVersion(connection), PQparameterStatus(connection, "server_encoding"),
+                          PQparameterStatus(connection, "DateStyle"), PQparameterStatus(connection, "TimeZone")});
+  if (statements.empty()) {
     return true;
   }
-  const PGResultHandle set(PQexec(connection, "SET datestyle = ISO"));
+  const PGResultHandle set(PQexec(connection, statements.c_str()));
   return PQresultStatus(set.get()) == PGRES_COMMAND_OK;
 }
 
@@ -277,7 +265,7 @@ DBConnect_tag* KAVODBConnect(const char* host, const char* user, const char* pas
   if (database == nullptr || *database == '\0') {
     return nullptr;
   }
-  const std::string options = startUpOptions();
+  const std::string options = ownSessionOptions();
   // libpq takes a null value as one that is not set. Last, expansion is off: a database name is never read as a
   // connection string.
   const char* const keywords[] = {"host",    "user", "password", "dbname", "client_encoding", "application_name",
@@ -289,6 +277,7 @@ DBConnect_tag* KAVODBConnect(const char* host, const char* user, const char* pas
     disconnect(connection.release());
     return nullptr;
   }
+  gServerVersion = PQserverVersion(connection->connection);
   PQsetNoticeReceiver(connection->connection, ignoreNotice, nullptr);
   if (mayUseTwoProcessors()) {
     keepProcessorsAwake();
@@ -309,6 +298,8 @@ DBConnect_tag* KAVODBPConnect(const char* host, const char* user, const char* pa
   }
   return connection;
 }
+
+int lastServerVersion() { return gServerVersion; }
 
 void KAVODBClose(DBConnect_tag* connection) {
   if (connection != nullptr) {

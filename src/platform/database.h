@@ -10,13 +10,17 @@ struct DBRow_tag;
 
 // Opens a connection to `database` (a plain name, never a connection string) as `user`. A null `host` is libpq's
 // default server, so PGHOST, PGPORT, PGPASSFILE and the like count; a null `password` sends none of the tool's own.
-// Texts travel as UTF-8, or as the bytes that are stored when the database has no encoding (SQL_ASCII). Null on
-// failure; nothing is logged here.
+// Texts travel as UTF-8, or as the bytes that are stored when the database has no encoding (SQL_ASCII). Timeouts, time
+// zone and search path are the tool's own whatever is set elsewhere (see session_options.h). Null on failure; nothing
+// is logged here.
 DBConnect_tag* KAVODBConnect(const char* host, const char* user, const char* password, const char* database);
 
 // The same, but the connection is kept and handed out again for the same database while it is usable. The caller never
 // closes it; it is closed when the process exits.
 DBConnect_tag* KAVODBPConnect(const char* host, const char* user, const char* password, const char* database);
+
+// The version of the server that this process has last connected to, as PQserverVersion gives it; 0 before that.
+int lastServerVersion();
 
 // Ends an open transaction without committing it, makes everything that the connection has committed durable, and
 // closes it. Null is allowed.

@@ -12,7 +12,9 @@
 #include <initializer_list>
 #include <string_view>
 
+#include "platform/database.h"
 #include "platform/handles.h"
+#include "platform/session_options.h"
 
 namespace {
 
@@ -22,6 +24,8 @@ struct Variable {
   const char* value;
 };
 constexpr std::array kChildVariables = {
+    // Set anew with the session options added.
+    Variable{"PGOPTIONS", nullptr},
     // The server's administrators see whose sessions these are, and the next run finds those that were left over.
     Variable{"PGAPPNAME", "kavophoto_backup"},
     // With "\set AUTOCOMMIT off" in the user's own ~/.psqlrc every rename would be rolled back when psql ends.
@@ -57,6 +61,7 @@ std::vector<std::string> childEnvironment() {
       entries.push_back(std::string(variable.name) + "=" + variable.value);
     }
   }
+  entries.push_back("PGOPTIONS=" + childSessionOptions(lastServerVersion()));
   return entries;
 }
 

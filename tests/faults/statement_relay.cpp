@@ -278,8 +278,9 @@ bool StatementRelay::passStatements(Line& line) {
     const std::string message = line.fromClient.substr(0, size);
     if (!line.greeted) {
       line.greeted = true;
+      // The sessions of the programs carry the tool's name too, but only its own are without the planner's compiler.
       constexpr std::string_view kTool("application_name\0kavophoto_backup", 33);
-      line.counted = message.find(kTool) != std::string::npos;
+      line.counted = message.find(kTool) != std::string::npos && message.find("-c jit=off") != std::string::npos;
     } else if (line.counted && (message[0] == 'P' || message[0] == 'Q')) {
       const bool due = isDue(message);
       if (due && hold_ == Hold::kBeforeStatement) {
