@@ -9,6 +9,7 @@
 #include "platform/log.h"
 #include "platform/progress.h"
 #include "platform/query.h"
+#include "smart/earlier_albums.h"
 #include "smart/smart_albums.h"
 
 namespace {
@@ -97,7 +98,7 @@ int importDatabase(const std::string& path, const std::string& temporaryDatabase
   mergeTables(live.get(), temporary.get(), path);
   // Smart albums name shares and labels, members name collections and media, so both come after all tables.
   progressPhase("merging smart albums");
-  KavophotoRemapSmartAlbums(live.get(), temporary.get(), "");
+  KavophotoRemapSmartAlbums(live.get(), temporary.get(), "", importOrigin(path, temporaryDatabase));
   progressPhase("merging members of collections");
   KavophotoSyncPersonalCollectionItems(live.get(), temporary.get(), "");
   return 0;

@@ -105,7 +105,7 @@ bool writeNewFile(const std::string& path, const std::string& text) {
   struct stat model = {};
   model.st_uid = geteuid();
   model.st_gid = getegid();
-  model.st_mode = 0644;
+  model.st_mode = 0600;
   const std::string beside = path + ".tmp";
   const Descriptor file = makeBeside(beside, model);
   if (!file) {
