@@ -24,9 +24,9 @@ Merged mergeRow(DBConnect_tag* destination, const std::string& lookUp, const std
 // True when something exists at `path` on the local file system.
 bool fileExists(const std::string& path);
 
-// One more than the number in `column` of the first row of `statement`, which asks for the highest; 1 when there is no
-// row or the statement fails, which is logged.
-int nextNumber(DBConnect_tag* connection, const char* statement, const char* column, int line = __builtin_LINE());
+// One more than the number in `column` of the first row of `statement`, which asks for the highest, but never more than
+// LLONG_MAX; 1 when there is no row or the statement fails, which is logged.
+long long nextNumber(DBConnect_tag* connection, const char* statement, const char* column, int line = __builtin_LINE());
 
 enum class Lookup { kFound, kMissing, kFailed };
 

@@ -8,7 +8,7 @@ namespace {
 constexpr std::size_t kPermissionCapacity = 16;
 constexpr std::size_t kDateCapacity = 128;
 
-int nextGroupNumber(DBConnect_tag* connection) {
+long long nextGroupNumber(DBConnect_tag* connection) {
   return nextNumber(connection, "Select groupid from photo_group order by groupid desc limit 1", "groupid");
 }
 
@@ -105,7 +105,7 @@ bool mergeGroup(DBConnect_tag* destination, DBConnect_tag* source, const char* s
       hasRows(live)
           ? execute(destination, formatText("UPDATE photo_group SET description = '%s' where groupname = '%s'",
                                             description.c_str(), name.c_str()))
-          : execute(destination, formatText("Insert into photo_group VALUES('%d', '%s', '%s')",
+          : execute(destination, formatText("Insert into photo_group VALUES('%lld', '%s', '%s')",
                                             nextGroupNumber(destination), name.c_str(), description.c_str()));
   if (!written || !execute(destination, findGroup, live)) {
     return false;

@@ -34,14 +34,14 @@ RawValues rawValues(const User& user) {
   return {{user.password, user.disabled, user.lockPassword, user.admin, user.email}, {}};
 }
 
-int nextUserNumber(DBConnect_tag* connection) {
+long long nextUserNumber(DBConnect_tag* connection) {
   return nextNumber(connection, "Select userid from photo_user order by userid desc limit 1", "userid");
 }
 
 bool insertUser(DBConnect_tag* destination, const User& user) {
   return execute(
       destination,
-      formatText("Insert into photo_user VALUES(%d, '%s', '%s', '%s', '%s', '%s', '%s', '%s')",
+      formatText("Insert into photo_user VALUES(%lld, '%s', '%s', '%s', '%s', '%s', '%s', '%s')",
                  nextUserNumber(destination), user.name.c_str(), user.description.c_str(), user.password.c_str(),
                  user.disabled.c_str(), user.lockPassword.c_str(), user.admin.c_str(), user.email.c_str()),
       rawValues(user));

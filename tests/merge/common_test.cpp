@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <limits>
+
 #include "merge/merge.h"
 #include "merge/routine_test.h"
 #include "support/tool_test.h"
@@ -97,6 +99,11 @@ TEST_F(Common, TheNextNumberIsOneAboveTheHighest) {
   live().exec("DELETE FROM photo_group WHERE groupid > 7; UPDATE photo_group SET groupid = -5");
   EXPECT_EQ(nextNumber(connection(), highest, "groupid"), -4);
   EXPECT_EQ(nextNumber(connection(), "Select NULL as groupid", "groupid"), 1);
+  EXPECT_EQ(nextNumber(connection(), "Select 2147483647 as groupid", "groupid"), 2147483648LL);
+  constexpr long long kHighest = std::numeric_limits<long long>::max();
+  EXPECT_EQ(nextNumber(connection(), "Select 9223372036854775806 as groupid", "groupid"), kHighest);
+  EXPECT_EQ(nextNumber(connection(), "Select 9223372036854775807 as groupid", "groupid"), kHighest);
+  EXPECT_EQ(nextNumber(connection(), "Select 99999999999999999999 as groupid", "groupid"), kHighest);
   expectNoMessages();
 }
 

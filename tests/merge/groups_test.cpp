@@ -282,6 +282,15 @@ TEST_P(Groups, GoOnWhereAUserOrShareCannotBeLookedUp) {
   expectPermissions({{"1", "2", "1", "2001-01-01 00:00:00"}, {"2", "2", "1", "2004-01-01 00:00:00"}});
 }
 
+TEST_P(Groups, GetNumbersBeyondThirtyTwoBits) {
+  live().exec(
+      "ALTER TABLE photo_group ALTER groupid TYPE bigint; INSERT INTO photo_group VALUES (2147483647, 'live', '')");
+  source().exec("INSERT INTO photo_group VALUES (1, 'new', '')");
+  EXPECT_EQ(merge().status, 0);
+  expectNoMessages();
+  expectGroups({{"2147483647", "live", ""}, {"2147483648", "new", ""}});
+}
+
 class GroupRoutine : public appliance::RoutineTest {};
 APPLIANCE_ALL_ARRANGEMENTS(GroupRoutine);
 

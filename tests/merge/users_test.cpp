@@ -328,6 +328,17 @@ TEST_P(Users, GoOnWhereAShareCannotBeLookedUp) {
   expectRights("photo_manage_right", {{"1", "1", "2005-01-01 00:00:00"}});
 }
 
+TEST_P(Users, GetNumbersBeyondThirtyTwoBits) {
+  live().exec(
+      "ALTER TABLE photo_user ALTER userid TYPE bigint;"
+      "INSERT INTO photo_user (userid, username) VALUES (3000000000, 'live')");
+  source().exec("INSERT INTO photo_user VALUES (1, 'new', '', '', false, false, false, '')");
+  EXPECT_EQ(merge().status, 0);
+  expectNoMessages();
+  expectRows(live(), "SELECT userid, username FROM photo_user ORDER BY 1",
+             {{"3000000000", "live"}, {"3000000001", "new"}});
+}
+
 class UserRoutine : public appliance::RoutineTest {};
 APPLIANCE_ALL_ARRANGEMENTS(UserRoutine);
 
