@@ -28,6 +28,20 @@ bool fileExists(const std::string& path);
 // LLONG_MAX; 1 when there is no row or the statement fails, which is logged.
 long long nextNumber(DBConnect_tag* connection, const char* statement, const char* column, int line = __builtin_LINE());
 
+// Calls take() at each row of `rows`. True when it agreed to every one of them; false once it does not, and when rows
+// that the server sent cannot be read back, which is logged.
+template <typename Take>
+bool takeEveryRow(Result& rows, Take take) {
+  long long taken = 0;
+  while (fetchRow(rows)) {
+    if (!take()) {
+      return false;
+    }
+    ++taken;
+  }
+  return taken == rowCount(rows);
+}
+
 enum class Lookup { kFound, kMissing, kFailed };
 
 // Sets `number` to the destination's shareid of the share that has the number `sourceShare` in the source, found by its

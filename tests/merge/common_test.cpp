@@ -112,6 +112,26 @@ TEST_F(Common, TheNextNumberIsOneWhenTheHighestCannotBeRead) {
   expectMessages({failed("Select groupid from gone", appliance::noTable("gone"))});
 }
 
+TEST_F(Common, TakesEveryRowOrSaysSo) {
+  const auto take = [&](const std::string& refused) {
+    Result rows;
+    EXPECT_TRUE(execute(connection(), "Select generate_series(1, 3) as number", rows));
+    std::string taken;
+    const bool all = takeEveryRow(rows, [&] {
+      const std::string number = fieldText(rows, "number");
+      taken += number;
+      return number != refused;
+    });
+    return taken + (all ? " all" : " not all");
+  };
+  appliance::checked();
+  EXPECT_EQ(take(""), "123 all");
+  EXPECT_EQ(take("2"), "12 not all");
+  EXPECT_EQ(take("3"), "123 not all");
+  Result none;
+  EXPECT_TRUE(takeEveryRow(none, [] { return false; }));
+}
+
 TEST_F(Common, FindsAShareByItsName) {
   other().exec(
       "INSERT INTO photo_share (shareid, sharename) VALUES (7, 'it''s %s'), (8, 'only there'), "
