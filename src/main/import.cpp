@@ -16,6 +16,10 @@ namespace {
 
 bool isTable(const char* name, const char* table) { return strcasecmp(name, table) == 0; }
 
+// The live database merged into itself would lose what is deleted before it is written anew. An empty name leaves the
+// choice to the environment, which may choose the live one.
+bool isAllowedSource(const std::string& database) { return !database.empty() && database != "photo"; }
+
 // The photo and video tables cannot be merged with foreign paths; the labels of videos only lose those links.
 bool repairPaths(DBConnect_tag* temporary, const char* database) {
   progressPhase("repairing paths");
@@ -87,7 +91,9 @@ int importDatabase(const std::string& path, const std::string& temporaryDatabase
     KAVO_LOG("Failed to connect to database");
     return -1;
   }
-  temporary = connectTo(temporaryDatabase.c_str());
+  if (isAllowedSource(temporaryDatabase)) {
+    temporary = connectTo(temporaryDatabase.c_str());
+  }
   if (!temporary) {
     KAVO_LOG("Failed to connect to database (%s)", temporaryDatabase.c_str());
     return -1;
