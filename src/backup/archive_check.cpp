@@ -14,6 +14,7 @@
 #include <system_error>
 #include <vector>
 
+#include "platform/files.h"
 #include "platform/handles.h"
 
 namespace {
@@ -28,6 +29,8 @@ using ArchiveHandle = std::unique_ptr<archive, ArchiveCloser>;
 // An archive that is read from front to back. `member` is the one that the reading stands at: null before the first and
 // after the last one, and after a failure.
 struct Reading {
+  // Before the archive, which is freed first.
+  File file;
   ArchiveHandle archive;
   archive_entry* member = nullptr;
   int status = ARCHIVE_FATAL;
@@ -41,8 +44,8 @@ void stepToNextMember(Reading& reading) {
 }
 
 Reading openArchive(const std::string& path) {
-  constexpr std::size_t kBlockBytes = std::size_t{64} * 1024;
   Reading reading;
+  reading.file = openToRead(path);
   reading.archive.reset(archive_read_new());
   archive* const reader = reading.archive.get();
   archive_read_support_filter_gzip(reader);
@@ -50,7 +53,7 @@ Reading openArchive(const std::string& path) {
   // Makes the reader go on behind the end mark of the tar archive to the end of the gzip stream, where a stream cut in
   // its very tail shows.
   archive_read_set_option(reader, "tar", "read_concatenated_archives", "1");
-  if (archive_read_open_filename(reader, path.c_str(), kBlockBytes) == ARCHIVE_OK &&
+  if (reading.file && archive_read_open_FILE(reader, reading.file.get()) == ARCHIVE_OK &&
       archive_filter_code(reader, 0) == ARCHIVE_FILTER_GZIP) {
     stepToNextMember(reading);
   }
@@ -109,7 +112,7 @@ bool takeFile(Reading& reading, std::string_view name, const std::string& origin
   }
   File original;
   if (!origin.empty()) {
-    original.reset(std::fopen(std::string(origin).append(name).c_str(), "re"));
+    original = openToRead(std::string(origin).append(name));
     if (!original) {
       return false;
     }

@@ -22,29 +22,29 @@ constexpr std::size_t kTimeCapacity = 64;
 constexpr std::size_t kPermissionCapacity = 16;
 constexpr std::size_t kLineCapacity = 1024;
 
-std::optional<std::string> userName(unsigned long number) {
+std::optional<std::string> userName(long long number) {
   KAVOUser* user = nullptr;
-  if (KAVOUserGetByUID(static_cast<uid_t>(number), &user) < 0) {
+  if (KAVOUserGetByUID(number, &user) < 0) {
     return std::nullopt;
   }
   return UserHandle(user)->name;
 }
 
-std::optional<std::string> groupName(unsigned long number) {
+std::optional<std::string> groupName(long long number) {
   KAVOGroup* account = nullptr;
-  if (KAVOGroupGetByGID(static_cast<gid_t>(number), &account) < 0) {
+  if (KAVOGroupGetByGID(number, &account) < 0) {
     return std::nullopt;
   }
   return GroupHandle(account)->name;
 }
 
 // Appends a line for each row, named by what `nameOf` finds for the number in `column`.
-bool appendAccounts(Result& rows, const char* column, std::optional<std::string> (*nameOf)(unsigned long),
+bool appendAccounts(Result& rows, const char* column, std::optional<std::string> (*nameOf)(long long),
                     std::FILE* file) {
   constexpr int kDecimal = 10;
   while (fetchRow(rows)) {
     const std::string number = fieldText(rows, column, kNumberCapacity);
-    const std::optional<std::string> name = nameOf(std::strtoul(number.c_str(), nullptr, kDecimal));
+    const std::optional<std::string> name = nameOf(std::strtoll(number.c_str(), nullptr, kDecimal));
     if (!name) {
       KAVO_LOG("Failed to fetch hox user (%s)", number.c_str());
       return false;
@@ -56,7 +56,7 @@ bool appendAccounts(Result& rows, const char* column, std::optional<std::string>
 }
 
 int dumpAccounts(const std::string& path, const char* table, const char* suffix, const char* column,
-                 std::optional<std::string> (*nameOf)(unsigned long)) {
+                 std::optional<std::string> (*nameOf)(long long)) {
   DBConnect_tag* const connection = KAVODBPConnect(nullptr, "postgres", nullptr, "photo");
   if (connection == nullptr) {
     KAVO_LOG("Failed to connect to database");
@@ -81,8 +81,8 @@ int dumpAccounts(const std::string& path, const char* table, const char* suffix,
   return 0;
 }
 
-// The names by account number; none when the file cannot be read, and then no number is found. Read once, because a
-// look-up in the file for every row would take the square of their number.
+// The names by account number; none when the file cannot be read, and then no number is found, which is logged. Read
+// once, because a look-up in the file for every row would take the square of their number.
 SzHashHandle readAccounts(const std::string& path) {
   constexpr std::size_t kUsualAccounts = 512;
   SzHashHandle accounts = KLIBCSzHashAlloc(kUsualAccounts);
@@ -104,9 +104,9 @@ bool mergeUserRight(DBConnect_tag* live, DBConnect_tag* source, const Result& ri
     return true;
   }
   const UserHandle user(found);
-  const int uid = static_cast<int>(user->uid);
+  const long long uid = user->uid;
   Result rights;
-  if (!execute(live, formatText("Select * from %s where userid = %d", table, uid), rights)) {
+  if (!execute(live, formatText("Select * from %s where userid = %lld", table, uid), rights)) {
     return false;
   }
   if (hasRows(rights) && !gIsOverwiroteMode) {
@@ -114,7 +114,7 @@ bool mergeUserRight(DBConnect_tag* live, DBConnect_tag* source, const Result& ri
   }
   const std::string shareid = fieldText(right, "shareid", kNumberCapacity);
   const std::string createTime = escapeText(fieldText(right, "create_time", kTimeCapacity));
-  if (!execute(live, formatText("Delete from %s where userid = %d and shareid = %s", table, uid, shareid.c_str()),
+  if (!execute(live, formatText("Delete from %s where userid = %lld and shareid = %s", table, uid, shareid.c_str()),
                RawValues{{}, {shareid}})) {
     return false;
   }
@@ -125,7 +125,7 @@ bool mergeUserRight(DBConnect_tag* live, DBConnect_tag* source, const Result& ri
   }
   // The row keeps the number that it was saved with, although the user may have another one here.
   return execute(live,
-                 formatText("Delete from %s where userid = %d and shareid = %s", table, uid, liveShare.c_str())) &&
+                 formatText("Delete from %s where userid = %lld and shareid = %s", table, uid, liveShare.c_str())) &&
          execute(live,
                  formatText("Insert into %s Values (%s, %s, '%s')", table, userid.c_str(), liveShare.c_str(),
                             createTime.c_str()),
@@ -146,9 +146,9 @@ bool mergeGroupPermission(DBConnect_tag* live, DBConnect_tag* source, const Resu
     return true;
   }
   const GroupHandle account(found);
-  const int gid = static_cast<int>(account->gid);
+  const long long gid = account->gid;
   Result permissions;
-  if (!execute(live, formatText("Select * from photo_group_permission_for_hox_account where groupid = %d", gid),
+  if (!execute(live, formatText("Select * from photo_group_permission_for_hox_account where groupid = %lld", gid),
                permissions)) {
     return false;
   }
@@ -159,8 +159,8 @@ bool mergeGroupPermission(DBConnect_tag* live, DBConnect_tag* source, const Resu
   const std::string permission = fieldText(right, "permission", kPermissionCapacity);
   const std::string createTime = escapeText(fieldText(right, "create_time", kTimeCapacity));
   if (!execute(live,
-               formatText("Delete from photo_group_permission_for_hox_account where groupid = %d and shareid = %s", gid,
-                          shareid.c_str()),
+               formatText("Delete from photo_group_permission_for_hox_account where groupid = %lld and shareid = %s",
+                          gid, shareid.c_str()),
                RawValues{{}, {shareid}})) {
     return false;
   }
@@ -170,7 +170,7 @@ bool mergeGroupPermission(DBConnect_tag* live, DBConnect_tag* source, const Resu
     return share == Lookup::kMissing;
   }
   return execute(live,
-                 formatText("Delete from photo_group_permission_for_hox_account where groupid = %d and shareid = %s",
+                 formatText("Delete from photo_group_permission_for_hox_account where groupid = %lld and shareid = %s",
                             gid, liveShare.c_str())) &&
          execute(live,
                  formatText("Insert into photo_group_permission_for_hox_account(groupid, shareid, permission, "

@@ -9,11 +9,16 @@
 #include "platform/log.h"
 #include "platform/progress.h"
 #include "platform/query.h"
+#include "smart/earlier_albums.h"
 #include "smart/smart_albums.h"
 
 namespace {
 
 bool isTable(const char* name, const char* table) { return strcasecmp(name, table) == 0; }
+
+// The live database merged into itself would lose what is deleted before it is written anew. An empty name leaves the
+// choice to the environment, which may choose the live one.
+bool isAllowedSource(const std::string& database) { return !database.empty() && database != "photo"; }
 
 // The photo and video tables cannot be merged with foreign paths; the labels of videos only lose those links.
 bool repairPaths(DBConnect_tag* temporary, const char* database) {
@@ -86,7 +91,9 @@ int importDatabase(const std::string& path, const std::string& temporaryDatabase
     KAVO_LOG("Failed to connect to database");
     return -1;
   }
-  temporary = connectTo(temporaryDatabase.c_str());
+  if (isAllowedSource(temporaryDatabase)) {
+    temporary = connectTo(temporaryDatabase.c_str());
+  }
   if (!temporary) {
     KAVO_LOG("Failed to connect to database (%s)", temporaryDatabase.c_str());
     return -1;
@@ -97,7 +104,7 @@ int importDatabase(const std::string& path, const std::string& temporaryDatabase
   mergeTables(live.get(), temporary.get(), path);
   // Smart albums name shares and labels, members name collections and media, so both come after all tables.
   progressPhase("merging smart albums");
-  KavophotoRemapSmartAlbums(live.get(), temporary.get(), "");
+  KavophotoRemapSmartAlbums(live.get(), temporary.get(), "", importOrigin(path, temporaryDatabase));
   progressPhase("merging members of collections");
   KavophotoSyncPersonalCollectionItems(live.get(), temporary.get(), "");
   return 0;

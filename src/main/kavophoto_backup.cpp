@@ -22,7 +22,6 @@
 #include "platform/text.h"
 #include "restore/restore.h"
 #include "restore/staging.h"
-#include "smart/earlier_albums.h"
 
 namespace {
 
@@ -141,10 +140,7 @@ int run(int count, char** arguments) {
   KAVODBSpillDirectorySet(options.path.c_str());
   // An earlier run that was killed may have left the only copy of live rows under their staged names.
   recoverStagedTables(kTableList);
-  const int status = runMode(options);
-  // Nothing of the run is left that could be cut short.
-  dropTextBefore();
-  return status;
+  return runMode(options);
 }
 
 }  // namespace

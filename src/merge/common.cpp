@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <climits>
 #include <cstdlib>
 
 #include "platform/log.h"
@@ -30,14 +31,15 @@ bool fileExists(const std::string& path) {
   return stat(path.c_str(), &status) == 0;
 }
 
-int nextNumber(DBConnect_tag* connection, const char* statement, const char* column, int line) {
+long long nextNumber(DBConnect_tag* connection, const char* statement, const char* column, int line) {
   Result highest;
   if (!execute(connection, statement, highest, line)) {
     return 1;
   }
   // An empty table gives the empty text, which counts as 0.
   const std::string number = fetchRow(highest) ? fieldText(highest, column, kNumberCapacity) : "";
-  return static_cast<int>(std::strtol(number.c_str(), nullptr, 10)) + 1;
+  const long long value = std::strtoll(number.c_str(), nullptr, 10);
+  return value < LLONG_MAX ? value + 1 : value;
 }
 
 Lookup findShare(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix, const std::string& sourceShare,

@@ -24,9 +24,23 @@ Merged mergeRow(DBConnect_tag* destination, const std::string& lookUp, const std
 // True when something exists at `path` on the local file system.
 bool fileExists(const std::string& path);
 
-// One more than the number in `column` of the first row of `statement`, which asks for the highest; 1 when there is no
-// row or the statement fails, which is logged.
-int nextNumber(DBConnect_tag* connection, const char* statement, const char* column, int line = __builtin_LINE());
+// One more than the number in `column` of the first row of `statement`, which asks for the highest, but never more than
+// LLONG_MAX; 1 when there is no row or the statement fails, which is logged.
+long long nextNumber(DBConnect_tag* connection, const char* statement, const char* column, int line = __builtin_LINE());
+
+// Calls take() at each row of `rows`. True when it agreed to every one of them; false once it does not, and when rows
+// that the server sent cannot be read back, which is logged.
+template <typename Take>
+bool takeEveryRow(Result& rows, Take take) {
+  long long taken = 0;
+  while (fetchRow(rows)) {
+    if (!take()) {
+      return false;
+    }
+    ++taken;
+  }
+  return taken == rowCount(rows);
+}
 
 enum class Lookup { kFound, kMissing, kFailed };
 

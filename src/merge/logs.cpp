@@ -12,7 +12,7 @@ constexpr int kMostEntries = 100000;
 constexpr std::size_t kDateCapacity = 64;
 
 // The numbers wrap at the column's largest one.
-int idAfter(long id) { return id >= INT_MAX ? 1 : static_cast<int>(id) + 1; }
+int idAfter(long long id) { return id >= INT_MAX ? 1 : static_cast<int>(id) + 1; }
 
 // False when the statement fails.
 bool readNextId(DBConnect_tag* destination, int& nextId) {
@@ -22,7 +22,7 @@ bool readNextId(DBConnect_tag* destination, int& nextId) {
   }
   // An empty table gives one row with a null, which counts as 0.
   fetchRow(highest);
-  nextId = idAfter(std::strtol(fieldText(highest, "max", kNumberCapacity).c_str(), nullptr, 10));
+  nextId = idAfter(std::strtoll(fieldText(highest, "max", kNumberCapacity).c_str(), nullptr, 10));
   return true;
 }
 

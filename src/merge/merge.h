@@ -53,7 +53,8 @@ MergeRoutine KavophotoSyncShare;
 
 // photo_user, by username, each with its access, upload and manage rights, which are replaced as a whole when the user
 // was inserted or overwritten. A right on a share that either side lacks is dropped silently; a failed statement ends
-// the copy of that one table of rights and is logged, but does not change the result.
+// the copy of that one table of rights and is logged, but does not change the result. The old rights go only when all
+// new ones have been read and found.
 MergeRoutine KavophotoSyncUser;
 
 // photo_group, by groupname, each with its members and permissions, on the same terms as a user's rights.

@@ -39,7 +39,7 @@ RawValues rawValues(const Share& share) {
 }
 
 // Asked afresh for every insert, so that the shares of this run count.
-int nextShareNumber(DBConnect_tag* connection) {
+long long nextShareNumber(DBConnect_tag* connection) {
   return nextNumber(connection, "Select shareid from photo_share order by shareid desc limit 1", "shareid");
 }
 
@@ -48,7 +48,7 @@ bool insertShare(DBConnect_tag* destination, const Share& share) {
       destination,
       formatText("Insert into photo_share "
                  "(shareid,sharename,title,description,public,hits,cover,comment,is_subdir,password,conversion) "
-                 "Values (%d, '%s', '%s', '%s', '%s', %s, '%s', '%s', '%s', '%s', '%s')",
+                 "Values (%lld, '%s', '%s', '%s', '%s', %s, '%s', '%s', '%s', '%s', '%s')",
                  nextShareNumber(destination), share.name.c_str(), share.title.c_str(), share.description.c_str(),
                  share.isPublic.c_str(), share.hits.c_str(), share.cover.c_str(), share.comment.c_str(),
                  share.isSubdirectory.c_str(), share.password.c_str(), share.conversion.c_str()),

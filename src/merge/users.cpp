@@ -1,3 +1,7 @@
+#include <optional>
+#include <utility>
+#include <vector>
+
 #include "merge/common.h"
 #include "merge/merge.h"
 #include "platform/overwrite_mode.h"
@@ -34,14 +38,14 @@ RawValues rawValues(const User& user) {
   return {{user.password, user.disabled, user.lockPassword, user.admin, user.email}, {}};
 }
 
-int nextUserNumber(DBConnect_tag* connection) {
+long long nextUserNumber(DBConnect_tag* connection) {
   return nextNumber(connection, "Select userid from photo_user order by userid desc limit 1", "userid");
 }
 
 bool insertUser(DBConnect_tag* destination, const User& user) {
   return execute(
       destination,
-      formatText("Insert into photo_user VALUES(%d, '%s', '%s', '%s', '%s', '%s', '%s', '%s')",
+      formatText("Insert into photo_user VALUES(%lld, '%s', '%s', '%s', '%s', '%s', '%s', '%s')",
                  nextUserNumber(destination), user.name.c_str(), user.description.c_str(), user.password.c_str(),
                  user.disabled.c_str(), user.lockPassword.c_str(), user.admin.c_str(), user.email.c_str()),
       rawValues(user));
@@ -56,30 +60,49 @@ bool updateUser(DBConnect_tag* destination, const User& user) {
                  rawValues(user));
 }
 
-// Replaces the user's rows of one of the three rights tables, which are alike in everything but their name. A failed
-// statement ends the copy: the rights after it are missing then.
+// A row of one of the three rights tables, which are alike in everything but their name. The share has the
+// destination's number.
+struct Right {
+  std::string share;
+  std::string createTime;
+};
+
+// The source user's rights on shares that both sides have; none at all when a statement fails.
+std::optional<std::vector<Right>> readRights(DBConnect_tag* destination, DBConnect_tag* source, const char* table,
+                                             const std::string& sourceUser, const char* suffix) {
+  Result rows;
+  if (!execute(source, formatText("Select * from %s%s where userid = %s", table, suffix, sourceUser.c_str()),
+               {{}, {sourceUser}}, rows)) {
+    return std::nullopt;
+  }
+  std::vector<Right> rights;
+  const bool isWhole = takeEveryRow(rows, [&] {
+    const std::string sourceShare = fieldText(rows, "shareid", kNumberCapacity);
+    Right right;
+    right.createTime = fieldText(rows, "create_time", kDateCapacity);
+    const Lookup found = findShare(destination, source, suffix, sourceShare, kTextCapacity, right.share);
+    if (found == Lookup::kFound) {
+      rights.push_back(std::move(right));
+    }
+    return found != Lookup::kFailed;
+  });
+  return isWhole ? std::optional(std::move(rights)) : std::nullopt;
+}
+
+// Replaces the user's rows of one of the rights tables. What the source has is read first: when it cannot be, the user
+// keeps the rights that it has. A failed delete or insert ends the copy, and the rights after it are missing then.
 void copyUserRights(DBConnect_tag* destination, DBConnect_tag* source, const char* table, const std::string& sourceUser,
                     const std::string& destinationUser, const char* suffix) {
-  if (!execute(destination, formatText("Delete from %s where userid = %s", table, destinationUser.c_str()))) {
+  const auto rights = readRights(destination, source, table, sourceUser, suffix);
+  if (!rights ||
+      !execute(destination, formatText("Delete from %s where userid = %s", table, destinationUser.c_str()))) {
     return;
   }
-  Result rights;
-  if (!execute(source, formatText("Select * from %s%s where userid = %s", table, suffix, sourceUser.c_str()),
-               {{}, {sourceUser}}, rights)) {
-    return;
-  }
-  while (fetchRow(rights)) {
-    const std::string sourceShare = fieldText(rights, "shareid", kNumberCapacity);
-    const std::string createTime = fieldText(rights, "create_time", kDateCapacity);
-    std::string share;
-    const Lookup found = findShare(destination, source, suffix, sourceShare, kTextCapacity, share);
-    if (found == Lookup::kMissing) {
-      continue;
-    }
-    if (found == Lookup::kFailed || !execute(destination,
-                                             formatText("Insert into %s Values (%s, %s, '%s')", table,
-                                                        destinationUser.c_str(), share.c_str(), createTime.c_str()),
-                                             RawValues{{createTime}, {}})) {
+  for (const Right& right : *rights) {
+    if (!execute(destination,
+                 formatText("Insert into %s Values (%s, %s, '%s')", table, destinationUser.c_str(), right.share.c_str(),
+                            right.createTime.c_str()),
+                 RawValues{{right.createTime}, {}})) {
       return;
     }
   }

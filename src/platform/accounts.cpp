@@ -4,6 +4,7 @@
 #include <pwd.h>
 
 #include <cerrno>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -55,10 +56,16 @@ int KAVOUserGet(const char* name, KAVOUser** user) {
                   user);
 }
 
-int KAVOUserGetByUID(uid_t uid, KAVOUser** user) {
-  return userFrom([uid](passwd& record, std::vector<char>& room,
-                        passwd** found) { return getpwuid_r(uid, &record, room.data(), room.size(), found); },
-                  user);
+int KAVOUserGetByUID(long long uid, KAVOUser** user) {
+  // Cut to the type, 4294967296 would be root.
+  if (!std::in_range<uid_t>(uid)) {
+    return -1;
+  }
+  return userFrom(
+      [number = static_cast<uid_t>(uid)](passwd& record, std::vector<char>& room, passwd** found) {
+        return getpwuid_r(number, &record, room.data(), room.size(), found);
+      },
+      user);
 }
 
 void KAVOUserFree(KAVOUser* user) { std::default_delete<KAVOUser>()(user); }
@@ -69,10 +76,15 @@ int KAVOGroupGet(const char* name, KAVOGroup** account) {
                    account);
 }
 
-int KAVOGroupGetByGID(gid_t gid, KAVOGroup** account) {
-  return groupFrom([gid](group& record, std::vector<char>& room,
-                         group** found) { return getgrgid_r(gid, &record, room.data(), room.size(), found); },
-                   account);
+int KAVOGroupGetByGID(long long gid, KAVOGroup** account) {
+  if (!std::in_range<gid_t>(gid)) {
+    return -1;
+  }
+  return groupFrom(
+      [number = static_cast<gid_t>(gid)](group& record, std::vector<char>& room, group** found) {
+        return getgrgid_r(number, &record, room.data(), room.size(), found);
+      },
+      account);
 }
 
 void KAVOGroupFree(KAVOGroup* account) { std::default_delete<KAVOGroup>()(account); }

@@ -19,13 +19,14 @@ struct KAVOGroup {
 };
 
 // Each sets *account to a newly made record and returns 0, or returns -1 and leaves it alone when there is no such
-// account or it cannot be asked for. The caller releases the record with the Free of its kind. Nothing is logged.
+// account or it cannot be asked for. A number that uid_t or gid_t cannot hold is no account's. The caller releases the
+// record with the Free of its kind. Nothing is logged.
 int KAVOUserGet(const char* name, KAVOUser** user);
-int KAVOUserGetByUID(uid_t uid, KAVOUser** user);
+int KAVOUserGetByUID(long long uid, KAVOUser** user);
 void KAVOUserFree(KAVOUser* user);
 
 int KAVOGroupGet(const char* name, KAVOGroup** account);
-int KAVOGroupGetByGID(gid_t gid, KAVOGroup** account);
+int KAVOGroupGetByGID(long long gid, KAVOGroup** account);
 void KAVOGroupFree(KAVOGroup* account);
 
 struct UserFreer {

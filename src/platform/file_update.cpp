@@ -9,9 +9,13 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "platform/files.h"
 #include "platform/handles.h"
 
 namespace {
+
+// Far more than any file that is read whole has, and little enough for the memory of a small machine.
+constexpr off_t kMostBytes = off_t{64} << 20U;
 
 bool writeAndFlush(int descriptor, std::string_view text) {
   while (!text.empty()) {
@@ -80,7 +84,7 @@ FileUpdate updateFile(const std::string& path, const std::string& text) {
     return FileUpdate::kNotOpened;
   }
   const std::string target = resolved.get();
-  const Descriptor file(open(target.c_str(), O_WRONLY | O_CLOEXEC));
+  const Descriptor file = openInPlace(target);
   struct stat model = {};
   if (!file || fstat(file.get(), &model) != 0) {
     return FileUpdate::kNotOpened;
@@ -105,7 +109,7 @@ bool writeNewFile(const std::string& path, const std::string& text) {
   struct stat model = {};
   model.st_uid = geteuid();
   model.st_gid = getegid();
-  model.st_mode = 0644;
+  model.st_mode = 0600;
   const std::string beside = path + ".tmp";
   const Descriptor file = makeBeside(beside, model);
   if (!file) {
@@ -119,26 +123,26 @@ bool writeNewFile(const std::string& path, const std::string& text) {
 }
 
 bool readWholeFile(const std::string& path, std::string& text) {
-  // Opening a pipe would wait for a writer.
-  const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  const File file = openToRead(path);
   struct stat status = {};
-  if (!file || fstat(file.get(), &status) != 0) {
-    return false;
-  }
-  if (!S_ISREG(status.st_mode)) {
-    errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+  if (!file || fstat(fileno(file.get()), &status) != 0) {
     return false;
   }
   text.clear();
-  std::array<char, 65536> piece = {};
-  for (;;) {
-    const ssize_t length = read(file.get(), piece.data(), piece.size());
-    if (length == 0) {
-      return true;
-    }
-    if (length < 0) {
-      return false;
-    }
-    text.append(piece.data(), static_cast<std::size_t>(length));
+  if (status.st_size <= kMostBytes) {
+    text.reserve(static_cast<std::size_t>(status.st_size));
   }
+  // The size is only what the file system says: a file may grow, and those of the kernel claim to be empty.
+  std::array<char, 65536> piece = {};
+  off_t size = status.st_size;
+  while (size <= kMostBytes) {
+    const std::size_t length = std::fread(piece.data(), 1, piece.size(), file.get());
+    if (length == 0) {
+      return std::ferror(file.get()) == 0;
+    }
+    text.append(piece.data(), length);
+    size = static_cast<off_t>(text.size());
+  }
+  errno = EFBIG;
+  return false;
 }

@@ -1,6 +1,7 @@
 #include "platform/files.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,9 +11,29 @@
 
 namespace {
 
-File openFile(const std::string& path, int flag, const char* mode) {
+// Opening a pipe would wait for somebody at its other end, and a device could do anything; -1 with errno set for those
+// as for any failure.
+int openOrdinary(const std::string& path, int flags) {
   constexpr mode_t kMode = 0666;
-  const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | flag, kMode);
+  const int descriptor = open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, kMode);
+  if (descriptor < 0) {
+    return -1;
+  }
+  struct stat status = {};
+  int error = fstat(descriptor, &status) == 0 ? 0 : errno;
+  if (error == 0 && !S_ISREG(status.st_mode)) {
+    error = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+  }
+  if (error != 0) {
+    close(descriptor);
+    errno = error;
+    return -1;
+  }
+  return descriptor;
+}
+
+File openFile(const std::string& path, int flags, const char* mode) {
+  const int descriptor = openOrdinary(path, flags);
   if (descriptor < 0) {
     return nullptr;
   }
@@ -27,9 +48,15 @@ File openFile(const std::string& path, int flag, const char* mode) {
 
 bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
-File openToWrite(const std::string& path) { return openFile(path, O_TRUNC, "w"); }
+File openToRead(const std::string& path, Links links) {
+  return openFile(path, links == Links::kRefused ? O_RDONLY | O_NOFOLLOW : O_RDONLY, "r");
+}
 
-File openToAppend(const std::string& path) { return openFile(path, O_APPEND, "a"); }
+File openToWrite(const std::string& path) { return openFile(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_TRUNC, "w"); }
+
+File openToAppend(const std::string& path) { return openFile(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_APPEND, "a"); }
+
+Descriptor openInPlace(const std::string& path) { return Descriptor(openOrdinary(path, O_WRONLY)); }
 
 bool closeWritten(File file) {
   const bool written = std::fflush(file.get()) == 0 && std::ferror(file.get()) == 0;

@@ -2,10 +2,11 @@
 
 #include <unistd.h>
 
-#include <cerrno>
+#include <algorithm>
 #include <string_view>
 
-#include "platform/handles.h"
+#include "platform/file_update.h"
+#include "platform/files.h"
 #include "platform/text.h"
 
 namespace {
@@ -22,29 +23,26 @@ std::string_view unquoted(std::string_view text) {
   return quoted ? text.substr(1, text.size() - 2) : text;
 }
 
-// Calls use(key, value) for every pair of the file. False with errno set when the file cannot be read to its end.
+// Calls use(key, value) for every pair of the file. False with errno set when the file cannot be read; nothing was
+// called then.
 template <typename Use>
 bool forEachPair(const char* path, Use use) {
-  const File file(std::fopen(path, "re"));
-  if (!file) {
+  std::string text;
+  if (!readWholeFile(path, text)) {
     return false;
   }
-  char* line = nullptr;
-  std::size_t room = 0;
-  ssize_t length = 0;
-  errno = 0;
-  while ((length = getline(&line, &room, file.get())) >= 0) {
-    const std::string_view text = trimmed(std::string_view(line, static_cast<std::size_t>(length)));
-    const std::size_t equals = text.find('=');
+  std::string_view rest = text;
+  while (!rest.empty()) {
+    const std::string_view line = rest.substr(0, rest.find('\n'));
+    rest.remove_prefix(std::min(rest.size(), line.size() + 1));
+    const std::string_view pair = trimmed(line);
+    const std::size_t equals = pair.find('=');
     // A blank before the "#" makes no difference: written back, such a key would stand at the line's beginning.
-    if (equals != std::string_view::npos && text.front() != '#') {
-      use(trimmed(text.substr(0, equals)), unquoted(trimmed(text.substr(equals + 1))));
+    if (equals != std::string_view::npos && pair.front() != '#') {
+      use(trimmed(pair.substr(0, equals)), unquoted(trimmed(pair.substr(equals + 1))));
     }
   }
-  const int error = errno;
-  const AllocatedText freed(line);
-  errno = error;
-  return std::feof(file.get()) != 0;
+  return true;
 }
 
 }  // namespace
@@ -70,7 +68,7 @@ int KLIBCFileGetPair(const char* path, SzHash& hash) {
 }
 
 int KLIBCFileSetPair(const char* path, const SzHash& hash) {
-  File file(std::fopen(path, "we"));
+  File file = openToWrite(path);
   if (!file) {
     return -1;
   }

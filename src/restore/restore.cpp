@@ -22,6 +22,7 @@
 #include "restore/staging.h"
 #include "restore/theme.h"
 #include "restore/toc.h"
+#include "smart/earlier_albums.h"
 #include "smart/smart_albums.h"
 
 namespace {
@@ -198,6 +199,8 @@ bool convertCovers(const BuildNumbers& builds) {
 }
 
 int restoreArchive(const std::string& dir, const RestoreTables& tables) {
+  // The archive may hold a member of its own name.
+  const std::string origin = restoreOrigin(dir);
   if (!unpackArchive(dir) || !listTables(dir)) {
     return -1;
   }
@@ -226,7 +229,7 @@ int restoreArchive(const std::string& dir, const RestoreTables& tables) {
   }
   // Smart albums name shares and labels, members name collections and media, so both come after all tables.
   progressPhase("merging smart albums");
-  KavophotoRemapSmartAlbums(connection.get(), connection.get(), "_bak");
+  KavophotoRemapSmartAlbums(connection.get(), connection.get(), "_bak", origin);
   progressPhase("merging members of collections");
   KavophotoSyncPersonalCollectionItems(connection.get(), connection.get(), "_bak");
   freeStagedNames(connection.get(), tables.tables);

@@ -2,21 +2,25 @@
 
 #include <string>
 
-// A run translates the numbers in the smart-album file before its last steps.
-// When it is killed in these, the same command is run again, and must not take
-// the translated numbers for the source's. So the text that a run found in the
-// file is kept beside the application's settings until the run has come to its
-// end.
+// A restore or import translates the numbers in the smart-album file from its source's into the live ones. When the
+// same command is run again, because it was killed or with "-o", it would take the live numbers in the file for its
+// source's. So the text that a run found is recorded, together with what was made of it, in
+// "/var/packages/Lumora/etc/smart_albums.before".
 
-// The text to translate: `text`, unless it is what a killed run wrote, and then
-// the text that that run had found.
-std::string textBeforeKilledRun(const std::string& text);
+// What identifies the source of a restore: the directory, and the archive "kavophoto.backup" in it by its bytes. Empty
+// when the archive cannot be read. To be called before the archive is unpacked, which may replace it.
+std::string restoreOrigin(const std::string& dir);
 
-// Keeps `before`, the text that is translated, for as long as the file holds
-// `after` or what killed runs made of it. It is on the disk when this returns.
-// Where it cannot be kept the run goes on without.
-void keepTextBefore(const std::string& before, const std::string& after);
+// What identifies the source of an import: the directory and the second database. Empty when there is no such
+// directory.
+std::string importOrigin(const std::string& dir, const std::string& database);
 
-// Drops what this run keeps. What a killed run left stays for whoever runs that
-// one again.
-void dropTextBefore();
+// The text to translate when the file holds `present`: what a run of the same origin found when `present` is what that
+// run wrote, otherwise `present`. A record that cannot be read or understood counts as none.
+std::string textBefore(const std::string& origin, const std::string& present);
+
+// Records that a run of this origin is about to replace `present` in the file by `after`, made of `before`. The record
+// is on the disk when this returns; a failure is logged, and then a second run translates twice. An empty origin
+// records nothing.
+void keepTextBefore(const std::string& origin, const std::string& present, const std::string& before,
+                    const std::string& after);

@@ -192,19 +192,20 @@ std::optional<std::string> remappedSmartAlbums(const std::string& text, const ch
   return styled(output);
 }
 
-int KavophotoRemapSmartAlbums(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix) {
+int KavophotoRemapSmartAlbums(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix,
+                              const std::string& origin) {
   if (access(kConfigFile, R_OK) != 0) {
     return -1;
   }
-  std::string text;
-  if (!readWholeFile(kConfigFile, text)) {
+  std::string present;
+  if (!readWholeFile(kConfigFile, present)) {
     KAVO_LOG("Failed to open smart album [%s] %s", kConfigFile, std::strerror(errno));
     return -1;
   }
   if (!areUsable(destination, source)) {
     return -1;
   }
-  text = textBeforeKilledRun(text);
+  const std::string text = textBefore(origin, present);
   const ListTranslator translate = [&](const std::string& ids, const std::string& field) -> std::optional<std::string> {
     std::string translated;
     if (KavophotoTranslateIdList(destination, source, ids, translated, suffix, field) < 0) {
@@ -217,7 +218,7 @@ int KavophotoRemapSmartAlbums(DBConnect_tag* destination, DBConnect_tag* source,
   if (!output || !areUsable(destination, source)) {
     return -1;
   }
-  keepTextBefore(text, *output);
+  keepTextBefore(origin, present, text, *output);
   switch (updateFile(kConfigFile, *output)) {
     case FileUpdate::kWritten:
       return 0;

@@ -10,10 +10,15 @@
 // or labels by the source's numbers gets those of the same names in the destination. A rule that cannot be translated
 // is dropped, then a rule set or an album without rules. To be called when all tables are merged.
 //
+// `origin` identifies the source (smart/earlier_albums.h). When the file still holds what a run of the same origin
+// wrote, the text from before that run is translated once more, so that running twice is running once; an empty origin
+// translates what is in the file.
+//
 // 0 when the file was rewritten. -1, with one line logged and the file left byte for byte as it was, when it cannot be
 // opened, parsed or written, or when a connection can no longer run statements; -1 without a message when there is no
 // file to read. The file keeps its owner, group and mode.
-int KavophotoRemapSmartAlbums(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix);
+int KavophotoRemapSmartAlbums(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix,
+                              const std::string& origin = "");
 
 // Translates an identifier list of the kind `field`; without a value when that cannot be done.
 using ListTranslator = std::function<std::optional<std::string>(const std::string& ids, const std::string& field)>;

@@ -2,6 +2,7 @@
 
 #include <archive.h>
 #include <archive_entry.h>
+#include <sys/stat.h>
 
 #include <memory>
 
@@ -292,6 +293,20 @@ TEST_F(ArchiveCheckTest, ComparesEveryFileWithItsOriginal) {
     writeFile(path, member.text);
     EXPECT_TRUE(equalsOrigin());
   }
+}
+
+TEST_F(ArchiveCheckTest, WaitsForNoPipe) {
+  const std::string origin = std::string(kOrigin) + "settings.conf.bak";
+  appliance::removeAll(origin);
+  ASSERT_EQ(mkfifo(origin.c_str(), 0600), 0);
+  EXPECT_FALSE(equalsOrigin());
+  appliance::removeAll(kArchive);
+  ASSERT_EQ(mkfifo(kArchive, 0600), 0);
+  EXPECT_FALSE(archiveIsWhole(kArchive));
+  appliance::removeAll(kArchive);
+  EXPECT_FALSE(archiveIsWhole(kArchive));
+  appliance::makeDirectories(kArchive);
+  EXPECT_FALSE(archiveIsWhole(kArchive));
 }
 
 TEST_F(ArchiveCheckTest, MissesAThemeFileThatTheArchiveLacks) {

@@ -68,6 +68,20 @@ TEST_F(HostAccountExportTest, UnknownAccountStopsItsTableOnly) {
   EXPECT_EQ(readFile(kGroupFile), "65600 =\"family\"\n");
 }
 
+TEST_F(HostAccountExportTest, NumbersThatNoAccountCanHaveAreUnknown) {
+  live().exec(
+      "ALTER TABLE photo_access_right_for_hox_account ALTER userid TYPE bigint;"
+      "ALTER TABLE photo_group_permission_for_hox_account ALTER groupid TYPE numeric;"
+      "INSERT INTO photo_access_right_for_hox_account VALUES (4294967296, 1);"
+      "INSERT INTO photo_upload_right_for_hox_account VALUES (-2147483648, 1);"
+      "INSERT INTO photo_group_permission_for_hox_account VALUES (99999999999999999999, 1, 1)");
+  exportAccounts({"Failed to fetch hox user (4294967296)", "failed when photo_access_right_for_hox_account.\n",
+                  "Failed to fetch hox user (-2147483648)", "failed when photo_upload_right_for_hox_account.\n",
+                  "Failed to fetch hox user (99999999999999999999)",
+                  "failed when photo_group_permission_for_hox_account.\n"});
+  EXPECT_EQ(readFile(kUserFile), "");
+}
+
 TEST_F(HostAccountExportTest, MissingTableIsAFailedStatement) {
   live().exec("DROP TABLE photo_upload_right_for_hox_account");
   exportAccounts(
@@ -332,6 +346,28 @@ TEST_P(HostAccounts, NamesOfAnySpellingAreFound) {
   EXPECT_EQ(merge().status, 0);
   expectNoMessages();
   EXPECT_EQ(live().count("photo_access_right_for_hox_account"), 3);
+}
+
+TEST_P(HostAccounts, OfLargeNumbersAreMergedOnceHoweverOften) {
+  appliance::setAccounts({{3000000000U, "large"}}, {{3000000001U, "larger"}});
+  for (appliance::Database* database : {&live(), &source()}) {
+    for (const std::string& table : kRightsTables) {
+      database->exec("ALTER TABLE " + table + " ALTER userid TYPE bigint");
+    }
+    database->exec("ALTER TABLE photo_group_permission_for_hox_account ALTER groupid TYPE bigint");
+  }
+  for (const std::string& table : kRightsTables) {
+    source().exec("INSERT INTO " + table + " VALUES (3000000000, 1, '2020-01-01')");
+  }
+  source().exec("INSERT INTO photo_group_permission_for_hox_account VALUES (3000000001, 1, 3, '2020-01-01')");
+  for (int time = 0; time < 2; ++time) {
+    EXPECT_EQ(merge().status, 0);
+    expectNoMessages();
+    for (const std::string& table : kRightsTables) {
+      expectRows(live(), rightsOf(table), {{"3000000000", "11", "2020-01-01 00:00:00"}});
+    }
+    expectRows(live(), kPermissions, {{"3000000001", "11", "3", "2020-01-01 00:00:00"}});
+  }
 }
 
 class HostAccountReaderTest : public appliance::ToolTest {

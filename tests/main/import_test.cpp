@@ -210,6 +210,25 @@ TEST_F(Import, FailsWithoutTheTemporaryDatabase) {
   expectMessages({"Failed to connect to database (missing%s)"});
 }
 
+TEST_F(Import, RefusesTheLiveDatabaseAsItsSource) {
+  live().exec(
+      "INSERT INTO photo_share (shareid, sharename) VALUES (1, 'trip');"
+      "INSERT INTO photo_user VALUES (2, 'anna', '', '', false, false, false, '');"
+      "INSERT INTO photo_access_right VALUES (2, 1, '2001-01-01'); INSERT INTO photo_group VALUES (3, 'family', '');"
+      "INSERT INTO photo_user_group VALUES (2, 3); INSERT INTO photo_group_permission VALUES (3, 1, 1, '2001-01-01');"
+      "INSERT INTO video_desc (path, title) VALUES ('/volume9/photo/a.avi', 't')");
+  appliance::writeFile("/var/services/photo/a.avi", "x");
+  const auto before = appliance::contents("photo");
+  EXPECT_EQ(run({"-i", appliance::workDirectory(), "-d", "photo"}).status, 255);
+  expectMessages({"Failed to connect to database (photo)"});
+  EXPECT_EQ(appliance::contents("photo"), before);
+  appliance::RunOptions options;
+  options.env = {"PGDATABASE=photo"};
+  EXPECT_EQ(run({"-i", appliance::workDirectory(), "-d", ""}, options).status, 255);
+  expectMessages({"Failed to connect to database ()"});
+  EXPECT_EQ(appliance::contents("photo"), before);
+}
+
 TEST_F(Import, FailsWithoutAServer) {
   other();
   appliance::server::stop();

@@ -88,6 +88,22 @@ TEST_F(SingleInstance, BelievesAPidFileThatNamesALivingProcess) {
   EXPECT_FALSE(appliance::exists("/tmp/backup/kavophoto_backup_hox_account.txt"));
 }
 
+TEST_F(SingleInstance, DoesNotBelieveAPidFileOfAnotherOwner) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root can give a file away";
+  }
+  appliance::writeFile(kPidFile, std::to_string(getpid()));
+  ASSERT_EQ(chown(kPidFile, 1026, 0), 0);
+  appliance::replaceProgram("/usr/bin/pg_dump",
+                            "[ \"$(cat /tmp/kavophoto_backup.pid)\" = $PPID ] && touch /tmp/replaced; exec \"$REAL\" "
+                            "\"$@\"");
+  EXPECT_EQ(run({"-b", appliance::workDirectory()}).status, 0);
+  expectNoMessages();
+  EXPECT_TRUE(appliance::exists("/tmp/replaced"));
+  EXPECT_TRUE(appliance::exists("/tmp/backup/kavophoto.backup"));
+  EXPECT_FALSE(appliance::exists(kPidFile));
+}
+
 TEST_F(SingleInstance, WritesThroughNoLink) {
   leavePidFile();
   ASSERT_EQ(symlink("/tmp/victim", kPidFile), 0);

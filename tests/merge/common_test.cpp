@@ -2,8 +2,11 @@
 
 #include <unistd.h>
 
+#include <limits>
+
 #include "merge/merge.h"
 #include "merge/routine_test.h"
+#include "platform/text.h"
 #include "support/tool_test.h"
 
 namespace {
@@ -97,12 +100,36 @@ TEST_F(Common, TheNextNumberIsOneAboveTheHighest) {
   live().exec("DELETE FROM photo_group WHERE groupid > 7; UPDATE photo_group SET groupid = -5");
   EXPECT_EQ(nextNumber(connection(), highest, "groupid"), -4);
   EXPECT_EQ(nextNumber(connection(), "Select NULL as groupid", "groupid"), 1);
+  EXPECT_EQ(nextNumber(connection(), "Select 2147483647 as groupid", "groupid"), 2147483648LL);
+  constexpr long long kHighest = std::numeric_limits<long long>::max();
+  EXPECT_EQ(nextNumber(connection(), "Select 9223372036854775806 as groupid", "groupid"), kHighest);
+  EXPECT_EQ(nextNumber(connection(), "Select 9223372036854775807 as groupid", "groupid"), kHighest);
+  EXPECT_EQ(nextNumber(connection(), "Select 99999999999999999999 as groupid", "groupid"), kHighest);
   expectNoMessages();
 }
 
 TEST_F(Common, TheNextNumberIsOneWhenTheHighestCannotBeRead) {
   EXPECT_EQ(nextNumber(connection(), "Select groupid from gone", "groupid"), 1);
   expectMessages({failed("Select groupid from gone", appliance::noTable("gone"))});
+}
+
+TEST_F(Common, TakesEveryRowOrSaysSo) {
+  const auto take = [&](const std::string& refused, int last = 3) {
+    Result rows;
+    EXPECT_TRUE(execute(connection(), formatText("Select generate_series(1, %d) as number", last), rows));
+    std::string taken;
+    const bool all = takeEveryRow(rows, [&] {
+      const std::string number = fieldText(rows, "number");
+      taken += number;
+      return number != refused;
+    });
+    return taken + (all ? " all" : " not all");
+  };
+  appliance::checked();
+  EXPECT_EQ(take(""), "123 all");
+  EXPECT_EQ(take("2"), "12 not all");
+  EXPECT_EQ(take("3"), "123 not all");
+  EXPECT_EQ(take("", 0), " all");
 }
 
 TEST_F(Common, FindsAShareByItsName) {

@@ -261,8 +261,12 @@ TEST_P(Groups, GoOnWhereAUserOrShareCannotBeLookedUp) {
   fillUsersAndShares();
   live().exec(
       "INSERT INTO photo_user (userid, username) VALUES (9, 'bad');"
-      "INSERT INTO photo_share (shareid, sharename) VALUES (9, 'bad')");
-  appliance::refuseReading(live(), "photo_user", "username = 'bad' AND EXISTS (SELECT 1 FROM photo_user_group)");
+      "INSERT INTO photo_share (shareid, sharename) VALUES (9, 'bad');"
+      "INSERT INTO photo_group VALUES (6, 'two', ''); INSERT INTO photo_user_group VALUES (1, 6);"
+      "INSERT INTO photo_group_permission VALUES (6, 1, 7, '2000-01-01')");
+  // Refused once the groups are merged; the users themselves are found.
+  appliance::refuseReading(live(), "photo_user",
+                           "username = 'bad' AND EXISTS (SELECT 1 FROM photo_group WHERE groupname = 'one')");
   appliance::refuseReading(live(), "photo_share", "sharename = 'bad'");
   source().exec(
       "ALTER TABLE photo_user_group ALTER userid TYPE text; ALTER TABLE photo_group_permission ALTER shareid TYPE text;"
@@ -274,12 +278,107 @@ TEST_P(Groups, GoOnWhereAUserOrShareCannotBeLookedUp) {
       "(2, '1', 1, '2003-01-01'), (4, '1', 1, '2004-01-01'), (4, 'x', 1, '2005-01-01'), (4, '1', 1, '2006-01-01')");
   EXPECT_EQ(merge().status, 0);
   const std::string noColumn = "ERROR:  column \"x\" does not exist";
-  expectMessages({failedToExec("Select * from photo_user where username = 'bad'", kRefused),
-                  failedToExec("Select * from photo_share where sharename = 'bad'", kRefused),
-                  failedToExec("Select * from photo_user" + suffix() + " where userid = x", noColumn),
-                  failedToExec("Select * from photo_share" + suffix() + " where shareid = x", noColumn)});
-  expectMembers({{"1", "2"}, {"2", "2"}});
-  expectPermissions({{"1", "2", "1", "2001-01-01 00:00:00"}, {"2", "2", "1", "2004-01-01 00:00:00"}});
+  std::vector<std::string> messages = {failedToExec("Select * from photo_user where username = 'bad'", kRefused),
+                                       failedToExec("Select * from photo_share where sharename = 'bad'", kRefused)};
+  if (overwrites()) {
+    messages.push_back(failedToExec("Select * from photo_user" + suffix() + " where userid = x", noColumn));
+    messages.push_back(failedToExec("Select * from photo_share" + suffix() + " where shareid = x", noColumn));
+  }
+  expectMessages(messages);
+  // Copied whole or not at all; of the new group there is nothing to keep.
+  expectMembers({{"6", "1"}});
+  expectPermissions({{"6", "1", "7", "2000-01-01 00:00:00"}});
+}
+
+// Groups of the same names on both sides, with other members and permissions.
+class KnownGroups : public Groups {
+ protected:
+  void SetUp() override {
+    Groups::SetUp();
+    fillUsersAndShares();
+    live().exec(
+        "INSERT INTO photo_group VALUES (3, 'one', ''), (4, 'two', '');"
+        "INSERT INTO photo_user_group VALUES (1, 3), (1, 4);"
+        "INSERT INTO photo_group_permission VALUES (3, 1, 7, '2000-01-01'), (4, 1, 7, '2000-01-01')");
+    source().exec(
+        "INSERT INTO photo_group VALUES (7, 'one', ''), (8, 'two', '');"
+        "INSERT INTO photo_user_group VALUES (1, 7), (1, 8);"
+        "INSERT INTO photo_group_permission VALUES (7, 1, 1, '2001-01-01'), (8, 1, 1, '2001-01-01')");
+  }
+  void expectMembersKept(bool kept) {
+    const std::string user = kept || !overwrites() ? "1" : "2";
+    expectMembers({{"3", user}, {"4", user}});
+  }
+  void expectPermissionsKept(bool kept) {
+    if (kept || !overwrites()) {
+      expectPermissions({{"3", "1", "7", "2000-01-01 00:00:00"}, {"4", "1", "7", "2000-01-01 00:00:00"}});
+    } else {
+      expectPermissions({{"3", "2", "1", "2001-01-01 00:00:00"}, {"4", "2", "1", "2001-01-01 00:00:00"}});
+    }
+  }
+  // One for each group when it is overwritten: both groups refer to user 1 and share 1 of the source.
+  void expectFailures(std::vector<std::string> messages, const std::string& table, const std::string& column,
+                      const std::vector<std::string>& numbers) {
+    for (const std::string& number : overwrites() ? numbers : std::vector<std::string>()) {
+      messages.push_back(failedToExec("Select * from " + table + suffix() + " where " + column + " = " + number,
+                                      noTable(table + suffix())));
+    }
+    expectMessages(messages);
+  }
+  // What the merge of the table itself logs when the source lacks it.
+  std::vector<std::string> unread(const std::string& table) const {
+    return {failedToExec("Select * from " + table + suffix(), noTable(table + suffix())),
+            "Table " + table + " sync failed.\n"};
+  }
+};
+APPLIANCE_ALL_MODES(KnownGroups);
+
+TEST_P(KnownGroups, AreReplacedByWhatTheSourceHas) {
+  EXPECT_EQ(merge().status, 0);
+  expectNoMessages();
+  expectMembersKept(false);
+  expectPermissionsKept(false);
+}
+
+TEST_P(KnownGroups, KeepTheirMembersWhenTheSourceLacksThem) {
+  source().exec("DROP TABLE photo_user_group");
+  EXPECT_EQ(merge().status, 0);
+  expectFailures({}, "photo_user_group", "groupid", {"7", "8"});
+  expectMembersKept(true);
+  expectPermissionsKept(false);
+}
+
+TEST_P(KnownGroups, KeepTheirMembersWhenTheSourceLacksTheUsers) {
+  source().exec("DROP TABLE photo_user");
+  EXPECT_EQ(merge().status, 0);
+  expectFailures(unread("photo_user"), "photo_user", "userid", {"1", "1"});
+  expectMembersKept(true);
+  expectPermissionsKept(false);
+}
+
+TEST_P(KnownGroups, KeepTheirPermissionsWhenTheSourceLacksThem) {
+  source().exec("DROP TABLE photo_group_permission");
+  EXPECT_EQ(merge().status, 0);
+  expectFailures({}, "photo_group_permission", "groupid", {"7", "8"});
+  expectMembersKept(false);
+  expectPermissionsKept(true);
+}
+
+TEST_P(KnownGroups, KeepTheirPermissionsWhenTheSourceLacksTheShares) {
+  source().exec("DROP TABLE photo_share");
+  EXPECT_EQ(merge().status, 0);
+  expectFailures(unread("photo_share"), "photo_share", "shareid", {"1", "1"});
+  expectMembersKept(false);
+  expectPermissionsKept(true);
+}
+
+TEST_P(Groups, GetNumbersBeyondThirtyTwoBits) {
+  live().exec(
+      "ALTER TABLE photo_group ALTER groupid TYPE bigint; INSERT INTO photo_group VALUES (2147483647, 'live', '')");
+  source().exec("INSERT INTO photo_group VALUES (1, 'new', '')");
+  EXPECT_EQ(merge().status, 0);
+  expectNoMessages();
+  expectGroups({{"2147483647", "live", ""}, {"2147483648", "new", ""}});
 }
 
 class GroupRoutine : public appliance::RoutineTest {};
@@ -304,32 +403,32 @@ TEST_P(GroupRoutine, RunsItsStatementsInOrder) {
       "live: Select groupid from photo_group order by groupid desc limit 1",
       "live: Insert into photo_group VALUES('41', 'n''ew', 'd''e')",
       "live: Select * from photo_group where groupname = 'n''ew'",
-      "live: Delete from photo_user_group where groupid = 41",
       "source: Select * from photo_user_group{} where groupid = 5",
       "source: Select * from photo_user{} where userid = 7",
       "live: Select * from photo_user where username = 'it''s'",
-      "live: Insert into photo_user_group(userid, groupid) Values (3, 41)",
       "source: Select * from photo_user{} where userid = 8",
       "live: Select * from photo_user where username = 'only saved'",
-      "live: Delete from photo_group_permission where groupid = 41",
+      "live: Delete from photo_user_group where groupid = 41",
+      "live: Insert into photo_user_group(userid, groupid) Values (3, 41)",
       "source: Select * from photo_group_permission{} where groupid = 5",
       "source: Select * from photo_share{} where shareid = 70",
       "live: Select * from photo_share where sharename = 'it''s'",
-      "live: Insert into photo_group_permission(groupid, shareid, permission, create_time) Values "
-      "(41, 1, 3, '2001-01-01 00:00:00')",
       "source: Select * from photo_share{} where shareid = 71",
       "live: Select * from photo_share where sharename = 'only saved'",
+      "live: Delete from photo_group_permission where groupid = 41",
+      "live: Insert into photo_group_permission(groupid, shareid, permission, create_time) Values "
+      "(41, 1, 3, '2001-01-01 00:00:00')",
       "live: Select * from photo_group where groupname = 'old'",
   };
   if (overwrites()) {
     expected.insert(expected.end(), {"live: UPDATE photo_group SET description = 'o''d' where groupname = 'old'",
                                      "live: Select * from photo_group where groupname = 'old'",
-                                     "live: Delete from photo_user_group where groupid = 40",
                                      "source: Select * from photo_user_group{} where groupid = 6",
                                      "source: Select * from photo_user{} where userid = 9",
-                                     "live: Delete from photo_group_permission where groupid = 40",
+                                     "live: Delete from photo_user_group where groupid = 40",
                                      "source: Select * from photo_group_permission{} where groupid = 6",
-                                     "source: Select * from photo_share{} where shareid = 99"});
+                                     "source: Select * from photo_share{} where shareid = 99",
+                                     "live: Delete from photo_group_permission where groupid = 40"});
   }
   expectStatements(expected);
 }

@@ -124,6 +124,32 @@ TEST_P(Shares, CutValuesToTheirCapacities) {
               {"8191", "'", "8191", "'", "f", "0", "8191", "'", "f", "f", "f", "0", ""}});
 }
 
+TEST_P(Shares, GetNumbersBeyondThirtyTwoBits) {
+  live().exec(
+      "ALTER TABLE photo_share ALTER shareid TYPE bigint;"
+      "INSERT INTO photo_share (shareid, sharename) VALUES (2147483647, 'live')");
+  source().exec(
+      "INSERT INTO photo_share VALUES (1, 'trip', '', '', true, 0, '', true, true, true, ''), "
+      "(2, 'it''s', '', '', true, 0, '', true, true, true, '')");
+  EXPECT_EQ(merge().status, 0);
+  expectNoMessages();
+  expectRows(live(), "SELECT shareid, sharename FROM photo_share ORDER BY 1",
+             {{"2147483647", "live"}, {"2147483648", "trip"}, {"2147483649", "it's"}});
+}
+
+TEST_P(Shares, EndWhereTheirNumbersAreUsedUp) {
+  live().exec("INSERT INTO photo_share (shareid, sharename) VALUES (2147483647, 'live')");
+  source().exec("INSERT INTO photo_share VALUES (1, 'trip', '', '', true, 0, '', true, true, true, '')");
+  EXPECT_EQ(merge().status, 0);
+  expectMessages(
+      {failedToExec("Insert into photo_share "
+                    "(shareid,sharename,title,description,public,hits,cover,comment,is_subdir,password,conversion) "
+                    "Values (2147483648, 'trip', '', '', 't', 0, '', 't', 't', '', 't')",
+                    "ERROR:  integer out of range"),
+       "Table photo_share sync failed.\n"});
+  expectRows(live(), "SELECT shareid FROM photo_share", {{"2147483647"}});
+}
+
 TEST_P(Shares, EndAtALookUpThatFails) {
   live().exec("DROP TABLE photo_share");
   source().exec("INSERT INTO photo_share VALUES (1, 'it''s', '', '', true, 0, '', true, true, true, '')");

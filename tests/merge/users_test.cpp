@@ -310,22 +310,111 @@ TEST_P(Users, GoOnAfterATableOfRightsThatCannotBeEmptiedOrRead) {
 }
 
 TEST_P(Users, GoOnWhereAShareCannotBeLookedUp) {
-  live().exec("INSERT INTO photo_share (shareid, sharename) VALUES (1, 'a'), (2, 'bad')");
+  live().exec(
+      "INSERT INTO photo_share (shareid, sharename) VALUES (1, 'a'), (2, 'bad');"
+      "INSERT INTO photo_user (userid, username) VALUES (3, 'known');"
+      "INSERT INTO photo_access_right VALUES (3, 1, '2000-01-01'); INSERT INTO photo_upload_right VALUES (3, 2, "
+      "'2000-01-01'); INSERT INTO photo_manage_right VALUES (3, 1, '2000-01-01')");
   appliance::refuseReading(live(), "photo_share", "sharename = 'bad'");
   source().exec(
       "ALTER TABLE photo_manage_right ALTER shareid TYPE text;"
       "INSERT INTO photo_share (shareid, sharename) VALUES (6, 'a'), (7, 'bad');"
-      "INSERT INTO photo_user VALUES (2, 'some', '', '', false, false, false, '');"
+      "INSERT INTO photo_user VALUES (2, 'some', '', '', false, false, false, ''), "
+      "(5, 'known', '', '', false, false, false, '');"
       "INSERT INTO photo_access_right VALUES (2, 6, '2001-01-01'), (2, 7, '2002-01-01'), (2, 6, '2003-01-01');"
       "INSERT INTO photo_upload_right VALUES (2, 6, '2004-01-01');"
-      "INSERT INTO photo_manage_right VALUES (2, '6', '2005-01-01'), (2, 'x', '2006-01-01'), (2, '6', '2007-01-01')");
+      "INSERT INTO photo_manage_right VALUES (2, '6', '2005-01-01'), (2, 'x', '2006-01-01'), (2, '6', '2007-01-01');"
+      "INSERT INTO photo_access_right VALUES (5, 6, '2001-01-01'), (5, 7, '2002-01-01');"
+      "INSERT INTO photo_upload_right VALUES (5, 6, '2004-01-01');"
+      "INSERT INTO photo_manage_right VALUES (5, '6', '2005-01-01'), (5, 'x', '2006-01-01')");
   EXPECT_EQ(merge().status, 0);
-  expectMessages({failedToExec("Select * from photo_share where sharename = 'bad'", kRefused),
-                  failedToExec("Select * from photo_share" + suffix() + " where shareid = x",
-                               "ERROR:  column \"x\" does not exist")});
-  expectRights("photo_access_right", {{"1", "1", "2001-01-01 00:00:00"}});
-  expectRights("photo_upload_right", {{"1", "1", "2004-01-01 00:00:00"}});
-  expectRights("photo_manage_right", {{"1", "1", "2005-01-01 00:00:00"}});
+  std::vector<std::string> messages;
+  for (int user = 0; user < (overwrites() ? 2 : 1); ++user) {
+    messages.push_back(failedToExec("Select * from photo_share where sharename = 'bad'", kRefused));
+    messages.push_back(failedToExec("Select * from photo_share" + suffix() + " where shareid = x",
+                                    "ERROR:  column \"x\" does not exist"));
+  }
+  expectMessages(messages);
+  // A table of rights is copied whole or not at all; of a new user there is nothing to keep.
+  const std::string before = "2000-01-01 00:00:00";
+  const std::string saved = "2004-01-01 00:00:00";
+  expectRights("photo_access_right", {{"3", "1", before}});
+  expectRights("photo_upload_right",
+               {overwrites() ? std::vector<std::string>{"3", "1", saved} : std::vector<std::string>{"3", "2", before},
+                {"4", "1", saved}});
+  expectRights("photo_manage_right", {{"3", "1", before}});
+}
+
+// Users of the same names on both sides, with rights in every table that differ.
+class KnownUsers : public Users {
+ protected:
+  void SetUp() override {
+    Users::SetUp();
+    live().exec(
+        "INSERT INTO photo_share (shareid, sharename) VALUES (1, 'a');"
+        "INSERT INTO photo_user (userid, username) VALUES (3, 'anna'), (4, 'ben')");
+    source().exec(
+        "INSERT INTO photo_share (shareid, sharename) VALUES (6, 'a');"
+        "INSERT INTO photo_user VALUES (7, 'anna', '', '', false, false, false, ''), "
+        "(8, 'ben', '', '', false, false, false, '')");
+    for (const std::string table : kRightTables) {
+      live().exec("INSERT INTO " + table + " VALUES (3, 1, '2000-01-01'), (4, 1, '2000-01-01')");
+      source().exec("INSERT INTO " + table + " VALUES (7, 6, '2001-01-01'), (8, 6, '2001-01-01')");
+    }
+  }
+  void expectDates(const char* table, const std::string& date) {
+    expectRights(table, {{"3", "1", date}, {"4", "1", date}});
+  }
+};
+APPLIANCE_ALL_MODES(KnownUsers);
+
+TEST_P(KnownUsers, KeepTheRightsOfATableThatTheSourceLacks) {
+  for (const std::string missing : kRightTables) {
+    SCOPED_TRACE(missing);
+    for (const std::string table : kRightTables) {
+      live().exec("UPDATE " + table + " SET create_time = '2000-01-01'");
+    }
+    source().exec("ALTER TABLE " + missing + " RENAME TO hidden");
+    EXPECT_EQ(merge().status, 0);
+    source().exec("ALTER TABLE hidden RENAME TO " + missing);
+    std::vector<std::string> messages;
+    if (overwrites()) {
+      for (const char* user : {"7", "8"}) {
+        messages.push_back(failedToExec("Select * from " + missing + suffix() + " where userid = " + user,
+                                        noTable(missing + suffix())));
+      }
+    }
+    expectMessages(messages);
+    for (const char* table : kRightTables) {
+      expectDates(table, overwrites() && table != missing ? "2001-01-01 00:00:00" : "2000-01-01 00:00:00");
+    }
+  }
+}
+
+TEST_P(KnownUsers, KeepAllRightsWhenTheSourceLacksTheShares) {
+  source().exec("DROP TABLE photo_share");
+  EXPECT_EQ(merge().status, 0);
+  const std::string share = "photo_share" + suffix();
+  std::vector<std::string> messages = {failedToExec("Select * from " + share, noTable(share)),
+                                       "Table photo_share sync failed.\n"};
+  if (overwrites()) {
+    messages.insert(messages.end(), 6, failedToExec("Select * from " + share + " where shareid = 6", noTable(share)));
+  }
+  expectMessages(messages);
+  for (const char* table : kRightTables) {
+    expectDates(table, "2000-01-01 00:00:00");
+  }
+}
+
+TEST_P(Users, GetNumbersBeyondThirtyTwoBits) {
+  live().exec(
+      "ALTER TABLE photo_user ALTER userid TYPE bigint;"
+      "INSERT INTO photo_user (userid, username) VALUES (3000000000, 'live')");
+  source().exec("INSERT INTO photo_user VALUES (1, 'new', '', '', false, false, false, '')");
+  EXPECT_EQ(merge().status, 0);
+  expectNoMessages();
+  expectRows(live(), "SELECT userid, username FROM photo_user ORDER BY 1",
+             {{"3000000000", "live"}, {"3000000001", "new"}});
 }
 
 class UserRoutine : public appliance::RoutineTest {};
@@ -349,19 +438,19 @@ TEST_P(UserRoutine, RunsItsStatementsInOrder) {
       "live: Select userid from photo_user order by userid desc limit 1",
       "live: Insert into photo_user VALUES(41, 'n''ew', 'd''e', 'pw', 't', 'f', 't', 'a@b')",
       "live: Select * from photo_user where username = 'n''ew'",
-      "live: Delete from photo_access_right where userid = 41",
       "source: Select * from photo_access_right{} where userid = 5",
       "source: Select * from photo_share{} where shareid = 70",
       "live: Select * from photo_share where sharename = 'it''s'",
+      "live: Delete from photo_access_right where userid = 41",
       "live: Insert into photo_access_right Values (41, 1, '2001-01-01 00:00:00')",
-      "live: Delete from photo_upload_right where userid = 41",
       "source: Select * from photo_upload_right{} where userid = 5",
       "source: Select * from photo_share{} where shareid = 71",
       "live: Select * from photo_share where sharename = 'only saved'",
-      "live: Delete from photo_manage_right where userid = 41",
+      "live: Delete from photo_upload_right where userid = 41",
       "source: Select * from photo_manage_right{} where userid = 5",
       "source: Select * from photo_share{} where shareid = 70",
       "live: Select * from photo_share where sharename = 'it''s'",
+      "live: Delete from photo_manage_right where userid = 41",
       "live: Insert into photo_manage_right Values (41, 1, '2005-01-01 00:00:00')",
       "live: Select * from photo_user where username = 'old'",
   };
@@ -371,16 +460,16 @@ TEST_P(UserRoutine, RunsItsStatementsInOrder) {
         {"live: UPDATE photo_user SET description = 'o''d', password = 'p', disabled = 'f', lock_pass = 't', admin = "
          "'f', email = 'c@d' where username = 'old'",
          "live: Select * from photo_user where username = 'old'",
-         "live: Delete from photo_access_right where userid = 40",
          "source: Select * from photo_access_right{} where userid = 6",
          "source: Select * from photo_share{} where shareid = 99",
-         "live: Delete from photo_upload_right where userid = 40",
+         "live: Delete from photo_access_right where userid = 40",
          "source: Select * from photo_upload_right{} where userid = 6",
          "source: Select * from photo_share{} where shareid = 70",
          "live: Select * from photo_share where sharename = 'it''s'",
+         "live: Delete from photo_upload_right where userid = 40",
          "live: Insert into photo_upload_right Values (40, 1, '2004-01-01 00:00:00')",
-         "live: Delete from photo_manage_right where userid = 40",
-         "source: Select * from photo_manage_right{} where userid = 6"});
+         "source: Select * from photo_manage_right{} where userid = 6",
+         "live: Delete from photo_manage_right where userid = 40"});
   }
   expectStatements(expected);
 }

@@ -55,8 +55,8 @@ TEST_F(Package, HasTheVersionOfTheTool) {
 
 TEST_F(Package, DependsOnTheLibrariesAndProgramsThatTheToolUses) {
   const std::string depends = field("Depends");
-  for (const char* library : {"libpq[0-9]+", "libjsoncpp[0-9]+", "libarchive[0-9a-z]+", "libc6", "postgresql-client",
-                              "tar", "gzip", "coreutils"}) {
+  for (const char* library : {"libpq[0-9]+", "libjsoncpp[0-9]+", "libarchive[0-9a-z]+", "libssl[0-9]+", "libc6",
+                              "postgresql-client", "tar", "gzip", "coreutils"}) {
     EXPECT_THAT(depends, MatchesRegex(std::string("(.*, )?") + library + " \\(>= .*")) << library;
   }
   appliance::checked();

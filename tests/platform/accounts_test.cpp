@@ -1,5 +1,6 @@
 #include "platform/accounts.h"
 
+#include <limits>
 #include <string>
 
 #include "support/tool_test.h"
@@ -14,7 +15,7 @@ class HostAccounts : public appliance::ToolTest {
     const int result = KAVOUserGet(name, &user);
     return describe(result, UserHandle(user));
   }
-  static std::string userNumbered(uid_t number) {
+  static std::string userNumbered(long long number) {
     KAVOUser* user = nullptr;
     const int result = KAVOUserGetByUID(number, &user);
     return describe(result, UserHandle(user));
@@ -24,7 +25,7 @@ class HostAccounts : public appliance::ToolTest {
     const int result = KAVOGroupGet(name, &group);
     return describe(result, GroupHandle(group));
   }
-  static std::string groupNumbered(gid_t number) {
+  static std::string groupNumbered(long long number) {
     KAVOGroup* group = nullptr;
     const int result = KAVOGroupGetByGID(number, &group);
     return describe(result, GroupHandle(group));
@@ -98,6 +99,19 @@ TEST_F(HostAccounts, MayHaveLargeNumbers) {
   appliance::setAccounts({{4294967290U, "last"}}, {{4294967290U, "lasts"}});
   EXPECT_EQ(userNumbered(4294967290U), "4294967290 last");
   EXPECT_EQ(groupNumbered(4294967290U), "4294967290 lasts");
+}
+
+TEST_F(HostAccounts, HaveNoNumbersBeyondTheirType) {
+  constexpr long long kWrap = 4294967296;
+  EXPECT_EQ(userNumbered(1026), "1026 editor");
+  EXPECT_EQ(groupNumbered(65600), "65600 family");
+  for (const long long number : {kWrap, -kWrap, std::numeric_limits<long long>::max()}) {
+    EXPECT_EQ(userNumbered(number), "") << number;
+    EXPECT_EQ(groupNumbered(number), "") << number;
+  }
+  EXPECT_EQ(userNumbered(kWrap + 1026), "");
+  EXPECT_EQ(userNumbered(1026 - kWrap), "");
+  EXPECT_EQ(groupNumbered(kWrap + 65600), "");
 }
 
 TEST_F(HostAccounts, MayBeFreedWhenThereIsNone) {

@@ -129,6 +129,13 @@ TEST_F(FileUpdated, IsNotOpenedWhenItIsMissingAFolderOrReadOnly) {
   EXPECT_EQ(appliance::readFile(kFile), "old");
 }
 
+TEST_F(FileUpdated, IsNotOpenedWhenItIsAPipe) {
+  ASSERT_EQ(mkfifo("/tmp/pipe", 0600), 0);
+  EXPECT_EQ(updateFile("/tmp/pipe", "new"), FileUpdate::kNotOpened);
+  EXPECT_TRUE(std::filesystem::is_fifo("/tmp/pipe"));
+  EXPECT_FALSE(appliance::exists("/tmp/pipe.tmp"));
+}
+
 TEST_F(FileUpdated, IsReadWhole) {
   const std::string text = std::string("zero \0 inside\n", 14) + std::string(200000, 'y');
   appliance::writeFile(kFile, text);
@@ -146,6 +153,36 @@ TEST_F(FileUpdated, SaysWhyItCannotBeRead) {
   errno = 0;
   EXPECT_FALSE(readWholeFile("/tmp", text));
   EXPECT_EQ(errno, EISDIR);
+  ASSERT_EQ(mkfifo("/tmp/pipe", 0600), 0);
+  errno = 0;
+  EXPECT_FALSE(readWholeFile("/tmp/pipe", text));
+  EXPECT_EQ(errno, EINVAL);
+  appliance::checked();
+}
+
+TEST_F(FileUpdated, IsReadUpToSixtyFourMebibytes) {
+  constexpr std::uintmax_t kMost = std::uintmax_t{64} << 20U;
+  appliance::writeFile(kFile, "begin");
+  std::filesystem::resize_file(kFile, kMost);
+  std::string text;
+  EXPECT_TRUE(readWholeFile(kFile, text));
+  EXPECT_EQ(text.size(), kMost);
+  EXPECT_EQ(text.substr(0, 5), "begin");
+  std::filesystem::resize_file(kFile, kMost + 1);
+  errno = 0;
+  EXPECT_FALSE(readWholeFile(kFile, text));
+  EXPECT_EQ(errno, EFBIG);
+  appliance::checked();
+}
+
+TEST_F(FileUpdated, IsNotReadOnWhenItHoldsMoreThanItClaims) {
+  // One entry for every page that a process could have, in a file that claims to be empty.
+  constexpr const char* kEndless = "/proc/self/pagemap";
+  EXPECT_EQ(statusOf(kEndless).st_size, 0);
+  std::string text;
+  errno = 0;
+  EXPECT_FALSE(readWholeFile(kEndless, text));
+  EXPECT_EQ(errno, EFBIG);
   appliance::checked();
 }
 

@@ -1,6 +1,10 @@
 #include "platform/key_value_file.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
+#include <filesystem>
 #include <string>
 #include <utility>
 #include <vector>
@@ -107,8 +111,33 @@ TEST_F(KeyValueFile, SaysWhyAFileCannotBeRead) {
   errno = 0;
   EXPECT_EQ(KLIBCFileGetPair("/tmp", *hash), -1);
   EXPECT_EQ(errno, EISDIR);
+  ASSERT_EQ(mkfifo(kFile, 0600), 0);
+  errno = 0;
+  EXPECT_EQ(KLIBCFileGetPair(kFile, *hash), -1);
+  EXPECT_EQ(errno, EINVAL);
   EXPECT_TRUE(hash->pairs.empty());
   appliance::checked();
+}
+
+TEST_F(KeyValueFile, IsReadUpToSixtyFourMebibytes) {
+  constexpr std::uintmax_t kMost = std::uintmax_t{64} << 20U;
+  appliance::writeFile(kFile, "key=\"value\"\n");
+  std::filesystem::resize_file(kFile, kMost);
+  std::string value;
+  EXPECT_EQ(KLIBCFileGetKeyValue(kFile, "key", value, kPlenty), 0);
+  EXPECT_EQ(value, "value");
+  std::filesystem::resize_file(kFile, kMost + 1);
+  const SzHashHandle hash = KLIBCSzHashAlloc(8);
+  errno = 0;
+  EXPECT_EQ(KLIBCFileGetPair(kFile, *hash), -1);
+  EXPECT_EQ(errno, EFBIG);
+  EXPECT_TRUE(hash->pairs.empty());
+  appliance::checked();
+}
+
+TEST_F(KeyValueFile, KeepsBinaryZeros) {
+  const std::string value("a\0b", 3);
+  EXPECT_THAT(pairsOf("key=\"" + value + "\"\nlast=" + value), ElementsAre(Pair("key", value), Pair("last", value)));
 }
 
 TEST_F(KeyValueFile, ReadsBackWhatItWrote) {
@@ -140,11 +169,27 @@ TEST_F(KeyValueFile, SaysWhyAFileCannotBeWritten) {
   appliance::checked();
 }
 
+TEST_F(KeyValueFile, IsWrittenIntoNoPipeAndThroughNoLink) {
+  const SzHashHandle hash = KLIBCSzHashAlloc(8);
+  ASSERT_EQ(mkfifo(kFile, 0600), 0);
+  errno = 0;
+  EXPECT_EQ(KLIBCFileSetPair(kFile, *hash), -1);
+  EXPECT_EQ(errno, ENXIO);
+  appliance::writeFile("/tmp/target", "kept");
+  ASSERT_EQ(symlink("/tmp/target", "/tmp/link"), 0);
+  errno = 0;
+  EXPECT_EQ(KLIBCFileSetPair("/tmp/link", *hash), -1);
+  EXPECT_EQ(errno, ELOOP);
+  EXPECT_EQ(appliance::readFile("/tmp/target"), "kept");
+}
+
 TEST_F(KeyValueFile, SeesADiskThatIsFullForASmallFile) {
+  appliance::mountSmall("/tmp/small", 8192);
+  appliance::writeFile("/tmp/small/filler", std::string(8192, 'x'));
   const SzHashHandle hash = KLIBCSzHashAlloc(8);
   KLIBCSzHashSetValue(*hash, "key", "value");
   errno = 0;
-  EXPECT_EQ(KLIBCFileSetPair("/dev/full", *hash), -1);
+  EXPECT_EQ(KLIBCFileSetPair("/tmp/small/pairs", *hash), -1);
   EXPECT_EQ(errno, ENOSPC);
   appliance::checked();
 }

@@ -1,5 +1,6 @@
 #include "platform/pid_file.h"
 
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -64,6 +65,31 @@ TEST_F(PidFile, NamesNoProcessWithoutAPositiveNumber) {
   for (const char* text : {"", "\n", "0", "-1", "abc", "99999999999999999999", "-"}) {
     EXPECT_FALSE(isAlive(text)) << text;
   }
+}
+
+TEST_F(PidFile, IsBelievedOfRootAndTheOwnUserOnly) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root can give a file away";
+  }
+  EXPECT_TRUE(isAlive(std::to_string(getpid())));
+  ASSERT_EQ(chown(kFile, kNobody, 0), 0);
+  EXPECT_FALSE(KLIBCProcAliveByPidFile(kFile));
+  const int alive = statusOfChild([] {
+    if (setresuid(kNobody, kNobody, kNobody) != 0) {
+      return 2;
+    }
+    return KLIBCProcAliveByPidFile(kFile) ? 1 : 0;
+  });
+  EXPECT_EQ(alive, 1);
+}
+
+TEST_F(PidFile, NamesNoProcessWhenItIsALinkOrAPipe) {
+  appliance::writeFile("/tmp/target", std::to_string(getpid()));
+  ASSERT_EQ(symlink("/tmp/target", kFile), 0);
+  EXPECT_FALSE(KLIBCProcAliveByPidFile(kFile));
+  ASSERT_EQ(mkfifo("/tmp/pipe.pid", 0644), 0);
+  EXPECT_FALSE(KLIBCProcAliveByPidFile("/tmp/pipe.pid"));
+  appliance::checked();
 }
 
 TEST_F(PidFile, NamesNoProcessWhenItIsMissingOrAFolder) {

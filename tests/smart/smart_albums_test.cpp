@@ -5,6 +5,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 
@@ -604,6 +605,164 @@ TEST_F(SmartAlbums, FollowARestoreInBothModes) {
     EXPECT_THAT(text, testing::HasSubstr("\"value\" : \"" + annasNumber() + "\"\n"));
     EXPECT_THAT(text, testing::HasSubstr("\"value\" : \"5,9\"\n"));
   }
+}
+
+class SmartAlbumsAgain : public SmartAlbums {
+ protected:
+  void SetUp() override {
+    SmartAlbums::SetUp();
+    writeFile(kFile, kOneRule);
+  }
+
+  std::string number(const std::string& label) {
+    return live().value("SELECT id FROM photo_label WHERE name = '" + label + "'");
+  }
+
+  // A source in which label 1 is Ben's, and Rome's are the numbers that Anna has had in the live database.
+  void makeThird(const std::string& annas) {
+    appliance::createDatabase("third");
+    appliance::Database("third").exec("INSERT INTO photo_label (id, name, category) VALUES (1, 'Ben', 0), (" + annas +
+                                      ", 'Rome', 1)");
+  }
+
+  void expectRun(const std::vector<std::string>& arguments) {
+    EXPECT_EQ(run(arguments).status, 0);
+    expectNoMessages();
+  }
+
+  // Ends an import of "other" when it has written the file.
+  void killImport() {
+    const std::string text = readFile(kFile);
+    other().exec("BEGIN; LOCK TABLE photo_personal_collection_photo");
+    const pid_t tool = appliance::startTool({"-i", workDirectory(), "-d", "other"});
+    for (int round = 0; round < 30000 && readFile(kFile) == text; ++round) {
+      usleep(1000);
+    }
+    kill(tool, SIGKILL);
+    EXPECT_EQ(appliance::waitTool(tool).status, -SIGKILL);
+    other().exec("ROLLBACK");
+    EXPECT_EQ(readFile(kFile), remappedTo(number("Anna")));
+  }
+
+  const std::string work_ = workDirectory();
+};
+
+TEST_F(SmartAlbumsAgain, ComeOutOfASecondImportAsOfTheFirst) {
+  for (int time = 0; time < 3; ++time) {
+    expectRun({"-i", work_, "-d", "other"});
+    EXPECT_EQ(readFile(kFile), remappedTo(number("Anna")));
+  }
+}
+
+TEST_F(SmartAlbumsAgain, ComeOutOfASecondRestoreAsOfTheFirst) {
+  appliance::makeArchive(work_, "other");
+  for (const std::vector<std::string>& arguments : {std::vector<std::string>{"-r", work_},
+                                                    {"-r", work_},
+                                                    {"-r", work_, "-o"},
+                                                    {"-r", work_, "-o"},
+                                                    {"-r", work_}}) {
+    expectRun(arguments);
+    EXPECT_EQ(readFile(kFile), remappedTo(number("Anna")));
+  }
+}
+
+TEST_F(SmartAlbumsAgain, ComeOutOfRunsAfterKilledOnesAsOfOne) {
+  killImport();
+  killImport();
+  for (int time = 0; time < 2; ++time) {
+    expectRun({"-i", work_, "-d", "other"});
+    EXPECT_EQ(readFile(kFile), remappedTo(number("Anna")));
+  }
+}
+
+TEST_F(SmartAlbumsAgain, AreTheOnesInTheFileForARestoreAfterAKilledImport) {
+  killImport();
+  makeThird(number("Anna"));
+  appliance::makeArchive(work_, "third");
+  expectRun({"-r", work_});
+  EXPECT_EQ(readFile(kFile), remappedTo(number("Rome")));
+}
+
+TEST_F(SmartAlbumsAgain, AreTheOnesInTheFileForAnotherArchive) {
+  makeThird("7");
+  appliance::makeArchive(work_, "other");
+  expectRun({"-r", work_});
+  appliance::makeArchive(work_, "third");
+  expectRun({"-r", work_});
+  EXPECT_EQ(readFile(kFile), remappedTo("8"));
+}
+
+TEST_F(SmartAlbumsAgain, AreTheOnesInTheFileForAnotherDirectory) {
+  other().exec("INSERT INTO photo_label (id, name, category) VALUES (7, 'Ben', 0)");
+  appliance::makeArchive(work_, "other");
+  expectRun({"-r", work_});
+  EXPECT_EQ(readFile(kFile), remappedTo("7"));
+  appliance::makeDirectories("/tmp/second");
+  fs::copy(work_ + "kavophoto.backup", "/tmp/second/kavophoto.backup");
+  expectRun({"-r", "/tmp/second/"});
+  EXPECT_EQ(readFile(kFile), remappedTo("1"));
+}
+
+TEST_F(SmartAlbumsAgain, AreTheOnesInTheFileForAnotherMode) {
+  makeThird("7");
+  appliance::makeArchive(work_, "other");
+  expectRun({"-r", work_});
+  expectRun({"-i", work_, "-d", "third"});
+  EXPECT_EQ(readFile(kFile), remappedTo(number("Rome")));
+}
+
+TEST_F(SmartAlbumsAgain, AreTheOnesInTheFileForAnotherDatabase) {
+  expectRun({"-i", work_, "-d", "other"});
+  makeThird(number("Anna"));
+  expectRun({"-i", work_, "-d", "third"});
+  EXPECT_EQ(readFile(kFile), remappedTo(number("Rome")));
+}
+
+TEST_F(SmartAlbumsAgain, AreTheOnesInTheFileWhenItWasChangedInBetween) {
+  expectRun({"-i", work_, "-d", "other"});
+  writeFile(kFile, withRule(R"({"field":"people","value":"2"})"));
+  expectRun({"-i", work_, "-d", "other"});
+  EXPECT_EQ(readFile(kFile), remappedTo(number("Rome")));
+}
+
+TEST_F(SmartAlbumsAgain, AreTheFirstOnesAlsoWhenAnotherCommandDidNotGetToWriteTheFile) {
+  expectRun({"-i", work_, "-d", "other"});
+  const std::string text = readFile(kFile);
+  makeThird(number("Anna"));
+  appliance::makeArchive(work_, "third");
+  appliance::mountReadOnly(kFolder);
+  EXPECT_EQ(run({"-r", work_}).status, 0);
+  expectMessages({kNotOpened});
+  EXPECT_EQ(readFile(kFile), text);
+  appliance::unmountAll();
+  expectRun({"-i", work_, "-d", "other"});
+  EXPECT_EQ(readFile(kFile), remappedTo(number("Anna")));
+}
+
+TEST_F(SmartAlbumsAgain, AreTranslatedAlsoWhereTheEarlierOnesCannotBeKept) {
+  appliance::mountReadOnly("/var/packages/Lumora/etc");
+  EXPECT_EQ(import().status, 0);
+  expectMessages(
+      {"Failed to write file [/var/packages/Lumora/etc/smart_albums.before] (Read-only file system), the smart albums "
+       "are translated twice when this is run again"});
+  EXPECT_EQ(readFile(kFile), remappedTo(number("Anna")));
+}
+
+TEST_F(SmartAlbumsAgain, AreTheOnesInTheFileWhereTheEarlierOnesCannotBeUnderstood) {
+  const std::string before = "/var/packages/Lumora/etc/smart_albums.before";
+  const std::string deep(100000, '[');
+  writeFile(before, deep);
+  appliance::makeDirectories("/tmp/second");
+  expectRun({"-e", "/tmp/second/"});
+  expectRun({"-b", "/tmp/second/"});
+  EXPECT_EQ(readFile(before), deep);
+  expectRun({"-i", work_, "-d", "other"});
+  EXPECT_EQ(readFile(kFile), remappedTo(number("Anna")));
+  writeFile(before, deep);
+  writeFile(kFile, kOneRule);
+  appliance::makeArchive(work_, "other");
+  expectRun({"-r", work_});
+  EXPECT_EQ(readFile(kFile), remappedTo(number("Anna")));
 }
 
 }  // namespace
