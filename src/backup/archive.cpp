@@ -27,10 +27,18 @@ namespace {
 
 constexpr std::size_t kVersionCapacity = 1024;
 
-// Without a server there is nothing to find out, and the steps that follow fail with their own messages.
+// What has a staged name already would be dumped in the place of a live table.
 bool canStage(std::span<const char* const> tables) {
   const Connection connection = connectTo("photo");
-  return !connection || freeStagedNames(connection.get(), tables);
+  if (connection) {
+    return freeStagedNames(connection.get(), tables);
+  }
+  // A run that has no lock because there was no server cannot rename anything either, and fails step by step.
+  const bool hasServer = runLockConnection() != nullptr;
+  if (hasServer) {
+    KAVO_LOG("Failed to connect to database");
+  }
+  return !hasServer;
 }
 
 void stageTables(std::span<const char* const> tables) {

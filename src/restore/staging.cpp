@@ -133,16 +133,14 @@ constexpr const char* kIsRestoresCopy =
 void logLeftAlone(const char* table) {
   KAVO_LOG(
       "Table %s_bak is left alone, it may be the only copy of its rows: table %s exists too, and no restore made "
-      "%s_bak. "
-      "Compare the two, drop or rename the one that is not needed, and run again.",
+      "%s_bak. Compare the two, drop or rename the one that is not needed, and run again.",
       table, table, table);
 }
 
 void logWithoutLiveTable(const char* table) {
   KAVO_LOG(
-      "Table %s_bak is left alone, it may be the only copy of its rows: there is no table %s. The next run renames it "
-      "to "
-      "%s.",
+      "Table %s_bak is left alone, it may be the only copy of its rows: there is no table %s. The next run renames "
+      "it to %s.",
       table, table, table);
 }
 
