@@ -23,7 +23,7 @@ bool addFile(EVP_MD_CTX* digest, std::FILE* file) {
   do {
     length = std::fread(piece.data(), 1, piece.size(), file);
   } while (length > 0 && EVP_DigestUpdate(digest, piece.data(), length) == 1);
-  return std::feof(file) != 0;
+  return length == 0 && std::feof(file) != 0;
 }
 
 }  // namespace

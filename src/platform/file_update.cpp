@@ -106,6 +106,11 @@ FileUpdate updateFile(const std::string& path, const std::string& text) {
 }
 
 bool writeNewFile(const std::string& path, const std::string& text) {
+  if (text.size() > static_cast<std::size_t>(kMostBytes)) {
+    // It could not be read back.
+    errno = EFBIG;
+    return false;
+  }
   struct stat model = {};
   model.st_uid = geteuid();
   model.st_gid = getegid();

@@ -11,7 +11,8 @@ enum class FileUpdate { kWritten, kNotOpened, kNotWritten };
 FileUpdate updateFile(const std::string& path, const std::string& text);
 
 // Makes a file of the tool's own with this text, or replaces the one that is there; it holds either text whole,
-// whatever happens, and only its owner can read it. False with errno set when that fails. Nothing is logged.
+// whatever happens, and only its owner can read it. False with errno set when that fails, EFBIG for a text that
+// readWholeFile would not read. Nothing is logged.
 bool writeNewFile(const std::string& path, const std::string& text);
 
 // Reads the whole file, an ordinary one of at most 64 MiB. False with errno set when that fails, EFBIG for a larger

@@ -100,9 +100,9 @@ Record takeRecord(std::vector<Record>& records, const std::string& origin, const
 std::string asWord(const std::string& text) {
   std::string word;
   for (const char character : text) {
-    const bool isPlain = character > ' ' && character <= '~' && character != '%';
-    word += isPlain ? std::string(1, character)
-                    : formatText("%%%02x", static_cast<unsigned int>(static_cast<unsigned char>(character)));
+    const auto byte = static_cast<unsigned char>(character);
+    const bool isPlain = byte > 0x20 && byte < 0x7F && byte != '%';
+    word += isPlain ? std::string(1, character) : formatText("%%%02x", static_cast<unsigned int>(byte));
   }
   return word;
 }

@@ -105,6 +105,14 @@ TEST_F(EarlierAlbums, AreNotTakenFromADamagedFile) {
   EXPECT_EQ(textBefore("a", "made"), "found");
 }
 
+TEST_F(EarlierAlbums, AreNotTakenFromAnOversizedFile) {
+  keepTextBefore("a", "found", "found", "made");
+  std::filesystem::resize_file(kFile, (std::uintmax_t{64} << 20U) + 1);
+  EXPECT_EQ(textBefore("a", "made"), "made");
+  keepTextBefore("a", "found", "found", "made");
+  EXPECT_EQ(textBefore("a", "made"), "found");
+}
+
 TEST_F(EarlierAlbums, AreDoneWithoutWhereTheyCannotBeKept) {
   appliance::makeDirectories(kFile + "/folder");
   keepTextBefore("a", "found", "found", "made");
@@ -117,6 +125,10 @@ TEST_F(EarlierAlbums, AreDoneWithoutWhereTheyCannotBeKept) {
   expectMessages({notKept("File exists")});
   EXPECT_FALSE(appliance::exists(kFile));
   appliance::removeAll(kFile + ".tmp");
+
+  keepTextBefore("a", "found", std::string(std::size_t{64} << 20U, 'x'), "made");
+  expectMessages({notKept("File too large")});
+  EXPECT_FALSE(appliance::exists(kFile));
 
   appliance::mountSmall("/var/packages/Lumora/etc", 8 * 4096);
   keepTextBefore("a", "found", std::string(20 * 4096, 'x'), "made");

@@ -402,6 +402,17 @@ TEST_F(SmartAlbums, RewritesAFileOfFiftyMegabytes) {
   EXPECT_EQ(kept, 5000U);
 }
 
+TEST_F(SmartAlbums, LeavesAFileOfMoreThanAnyoneWrites) {
+  writeFile(kFile, kOneRule);
+  fs::resize_file(kFile, (std::uintmax_t{64} << 20U) + 1);
+  const Outcome outcome = import();
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_LT(outcome.peakKilobytes, 64 << 10U);
+  expectMessages({"Failed to open smart album [" + kFile + "] File too large"});
+  EXPECT_EQ(fs::file_size(kFile), (std::uintmax_t{64} << 20U) + 1);
+  EXPECT_FALSE(appliance::exists("/var/packages/Lumora/etc/smart_albums.before"));
+}
+
 TEST_F(SmartAlbums, KeepsOwnerGroupAndMode) {
   // Only root can give a file away.
   const uid_t owner = geteuid() == 0 ? 1026 : geteuid();
