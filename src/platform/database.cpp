@@ -5,6 +5,7 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstring>
 #include <memory>
@@ -32,7 +33,7 @@ struct GrownTable {
 struct DBConnect_tag {
   PGconn* connection = nullptr;
   std::string error;
-  // Whether anything but plain reading has run, so that there may be something to make durable.
+  // Whether a command has changed something, so that there is something to make durable.
   bool wrote = false;
   std::vector<GrownTable> grown;
 };
@@ -138,11 +139,15 @@ void readRows(const PGresult* reply, DBResult_tag& result, std::vector<std::stri
   }
 }
 
-// A failed command has no status, and costs at most one flush too many.
-void noteCommand(DBConnect_tag& connection, const std::string_view status) {
-  if (status.substr(0, 6) != "SELECT") {
-    connection.wrote = true;
-  }
+// Whether the command of this reply has changed anything. A failed command and a single row have no status.
+bool changedSomething(PGresult* reply) {
+  const std::string_view status = PQcmdStatus(reply);
+  const std::string_view verb = status.substr(0, status.find(' '));
+  constexpr std::array<std::string_view, 13> kReading = {"",       "SELECT",   "SHOW",      "BEGIN",   "START",
+                                                         "COMMIT", "ROLLBACK", "SAVEPOINT", "RELEASE", "SET",
+                                                         "RESET",  "LOCK",     "EXPLAIN"};
+  const bool reads = std::find(kReading.begin(), kReading.end(), verb) != kReading.end();
+  return !reads && std::strcmp(PQcmdTuples(reply), "0") != 0;
 }
 
 // Reads the reply to its end, also after an error, so that the connection is free for the next statement.
@@ -169,7 +174,7 @@ bool readReply(DBConnect_tag& connection, DBResult_tag& result) {
         succeeded = false;
         break;
     }
-    noteCommand(connection, PQcmdStatus(reply.get()));
+    connection.wrote = changedSomething(reply.get()) || connection.wrote;
   }
 }
 
@@ -203,20 +208,32 @@ void refreshStatistics(DBConnect_tag& connection, std::string_view statement) {
   const PGResultHandle analysed(PQexec(connection.connection, ("ANALYZE (SKIP_LOCKED) " + table->name).c_str()));
 }
 
-void makeDurable(DBConnect_tag& connection) {
-  if (!connection.wrote || PQstatus(connection.connection) != CONNECTION_OK) {
-    return;
-  }
+// Logged here when it fails.
+bool flush(DBConnect_tag& connection) {
   if (PQtransactionStatus(connection.connection) != PQTRANS_IDLE) {
     // What stands before the open transaction is committed and must not be lost with it.
     const PGResultHandle ended(PQexec(connection.connection, "ROLLBACK"));
   }
   // One synchronous commit flushes the log up to itself, with all commits before it. A transaction that writes nothing
-  // is not flushed; the message is the least that can be written, and no table sees it.
-  const char* const flush = "SET synchronous_commit = on; SELECT pg_logical_emit_message(true, 'kavophoto_backup', '')";
-  const PGResultHandle flushed(PQexec(connection.connection, flush));
-  if (PQresultStatus(flushed.get()) != PGRES_TUPLES_OK) {
-    KAVO_LOG("Failed to exec [%s] (%s)", flush, errorText(flushed.get(), connection.connection).c_str());
+  // is not flushed; the message is the least that can be written, and no table sees it. The disk of this server is
+  // enough: a standby that is away would hold the tool for as long.
+  const char* const statements =
+      "SET synchronous_commit = local; SELECT pg_logical_emit_message(true, 'kavophoto_backup', '')";
+  const PGResultHandle flushed(PQexec(connection.connection, statements));
+  if (PQresultStatus(flushed.get()) == PGRES_TUPLES_OK) {
+    return true;
+  }
+  KAVO_LOG("Failed to exec [%s] (%s)", statements, errorText(flushed.get(), connection.connection).c_str());
+  return false;
+}
+
+void makeDurable(DBConnect_tag& connection) {
+  if (!connection.wrote) {
+    return;
+  }
+  if (PQstatus(connection.connection) != CONNECTION_OK || !flush(connection)) {
+    KAVO_LOG("The last rows written to database %s may be lost. Run the same command again.",
+             PQdb(connection.connection));
   }
 }
 

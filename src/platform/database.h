@@ -22,8 +22,10 @@ DBConnect_tag* KAVODBPConnect(const char* host, const char* user, const char* pa
 // The version of the server that this process has last connected to, as PQserverVersion gives it; 0 before that.
 int lastServerVersion();
 
-// Ends an open transaction without committing it, makes everything that the connection has committed durable, and
-// closes it. Null is allowed.
+// Ends an open transaction without committing it, makes everything that the connection has committed durable on the
+// server's own disk, and closes it. A connection that has changed nothing writes nothing here either. When the last
+// changes may be lost, because the connection is lost or the server cannot write, that is logged with the name of the
+// database. Null is allowed.
 void KAVODBClose(DBConnect_tag* connection);
 
 // Runs exactly one statement (the server refuses a second one in the text). 0 on success, and *result then holds the

@@ -170,8 +170,11 @@ class LostServer : public Server, public ::testing::WithParamInterface<std::tupl
     EXPECT_EQ(only(messages, "Table "), failedTables(mode(), middleOf(mode()).second, isSourceLost));
     EXPECT_THAT(messages, Contains("No usable database connection, smart album file "
                                    "[/var/services/photo/@eaDir/KAVOPHOTO_SMART_ALBUM_CONFIG] is left as it is"));
+    const std::string mayBeLost = "The last rows written to database photo may be lost. Run the same command again.";
+    EXPECT_EQ(only(messages, "The last rows "), Messages{mayBeLost});
+    EXPECT_EQ(messages.back(), mayBeLost);
     // An import still reads its source where only the live database is lost.
-    EXPECT_THAT(without(without(messages, "Table "), "No usable database connection"),
+    EXPECT_THAT(without(without(without(messages, "Table "), "No usable database connection"), mayBeLost),
                 Each(MatchesRegex("Failed to exec \\[[^\n]+\\] \\((.|\n)+\\)")));
   }
 };

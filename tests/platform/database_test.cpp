@@ -525,6 +525,126 @@ TEST_F(DatabaseAccess, WorksOnASingleProcessor) {
   EXPECT_EQ(live().count("photo_config"), 100);
 }
 
+constexpr const char* kMayBeLost = "The last rows written to database photo may be lost. Run the same command again.";
+
+// What is logged when a connection is lost after it has run these statements, and is closed then.
+class LostConnection : public DatabaseAccess {
+ protected:
+  enum class Loss { kNoticed, kUnnoticed };
+
+  static std::vector<std::string> messagesAfter(const std::vector<std::string>& statements, Loss loss) {
+    {
+      const Connection connection = connectTo("photo");
+      for (const std::string& statement : statements) {
+        Result result;
+        KAVODBExecute(connection.get(), statement.c_str(), &result.handle);
+      }
+      appliance::server::terminateBackends("photo");
+      if (loss == Loss::kNoticed) {
+        EXPECT_THAT(errorOf(connection.get(), "SELECT 1"), HasSubstr("terminating connection"));
+      }
+    }
+    return appliance::takeMessages();
+  }
+};
+
+TEST_F(LostConnection, IsReportedWhenItHasWritten) {
+  live().exec("INSERT INTO photo_group VALUES (1, 'a', '')");
+  for (const char* statement :
+       {"INSERT INTO photo_group VALUES (2, 'b', '')", "INSERT INTO photo_group VALUES (3, 'c', '') RETURNING groupid",
+        "UPDATE photo_group SET description = 'x'", "DELETE FROM photo_group", "CREATE TABLE made (i integer)",
+        "ALTER TABLE made RENAME TO made_bak", "DROP TABLE made_bak", "TRUNCATE photo_group",
+        "DO $$ BEGIN INSERT INTO photo_group VALUES (4, 'd', ''); END $$"}) {
+    EXPECT_EQ(messagesAfter({statement, "SELECT 1", "UPDATE photo_label SET name = ''"}, Loss::kNoticed),
+              std::vector<std::string>{kMayBeLost})
+        << statement;
+  }
+}
+
+TEST_F(LostConnection, IsReportedWithTheFlushThatFindsIt) {
+  const std::vector<std::string> messages =
+      messagesAfter({"INSERT INTO photo_group VALUES (1, 'a', '')"}, Loss::kUnnoticed);
+  EXPECT_THAT(messages,
+              testing::ElementsAre(
+                  testing::MatchesRegex("Failed to exec \\[SET synchronous_commit = local; SELECT "
+                                        "pg_logical_emit_message\\(true, 'kavophoto_backup', ''\\)\\] \\([^\n]+\\)"),
+                  kMayBeLost));
+}
+
+TEST_F(LostConnection, IsNoMatterWhenItHasOnlyRead) {
+  live().exec("INSERT INTO photo_group SELECT i, 'g' || i, '' FROM generate_series(1, 5) i");
+  const std::vector<std::string> reading = {"SELECT * FROM photo_group",
+                                            "SELECT * FROM photo_group WHERE groupid = 1",
+                                            "SELECT 1 WHERE false",
+                                            "",
+                                            "SHOW timezone",
+                                            "EXPLAIN SELECT 1",
+                                            "SELECT 1/0",
+                                            "INSERT INTO photo_group SELECT 1, '', '' WHERE false",
+                                            "UPDATE photo_group SET groupname = '' WHERE groupid = 9",
+                                            "DELETE FROM photo_group WHERE groupid = 9",
+                                            "BEGIN",
+                                            "SAVEPOINT s",
+                                            "LOCK TABLE photo_group",
+                                            "SET LOCAL work_mem = '3MB'",
+                                            "RELEASE s",
+                                            "COMMIT",
+                                            "START TRANSACTION",
+                                            "ROLLBACK",
+                                            "RESET work_mem"};
+  for (const Loss loss : {Loss::kNoticed, Loss::kUnnoticed}) {
+    EXPECT_EQ(messagesAfter(reading, loss), std::vector<std::string>());
+  }
+}
+
+// A synchronous standby that nobody has ever seen.
+TEST_F(DatabaseAccess, DoesNotWaitForAStandbyThatIsAway) {
+  live().exec("INSERT INTO photo_config VALUES ('m', 'k', 'v')");
+  other().exec("INSERT INTO photo_config VALUES ('m', 'k', 'imported')");
+  appliance::server::restart(
+      {"wal_level=replica", "max_wal_senders=2", "synchronous_standby_names=nobody", "synchronous_commit=on"});
+  for (const auto& arguments :
+       std::vector<std::vector<std::string>>{{"-b", appliance::workDirectory()},
+                                             {"-e", appliance::workDirectory()},
+                                             {"-i", appliance::workDirectory(), "-d", "other"}}) {
+    EXPECT_EQ(run(arguments).status, 0) << arguments[0];
+    expectNoMessages();
+  }
+  expectRows(live(), "SELECT config_value FROM photo_config", {{"imported"}});
+  EXPECT_EQ(run({"-r", appliance::workDirectory(), "-o"}).status, 0);
+  expectNoMessages();
+  expectRows(live(), "SELECT config_value FROM photo_config", {{"v"}});
+}
+
+// A server that follows another one, so that nothing can be written to it.
+class Standby : public DatabaseAccess {
+ protected:
+  static constexpr const char* kSignal = "/appliance/data/standby.signal";
+
+  static void becomeStandby() {
+    const std::vector<std::string> settings = {"wal_level=replica", "hot_standby=on"};
+    // What was logged with the least that a standby needs is not enough for one.
+    appliance::server::restart(settings);
+    appliance::writeFile(kSignal, "");
+    appliance::server::restart(settings);
+  }
+  void TearDown() override {
+    appliance::removeAll(kSignal);
+    DatabaseAccess::TearDown();
+  }
+};
+
+TEST_F(Standby, IsExportedFrom) {
+  live().exec(
+      "INSERT INTO photo_share (shareid, sharename) VALUES (1, 's');"
+      "INSERT INTO photo_access_right_for_hox_account VALUES (1026, 1, '2001-01-01')");
+  becomeStandby();
+  EXPECT_EQ(live().value("SELECT pg_is_in_recovery()"), "t");
+  EXPECT_EQ(run({"-e", appliance::workDirectory()}).status, 0);
+  expectNoMessages();
+  EXPECT_TRUE(appliance::exists(appliance::workDirectory() + "kavophoto_backup_hox_account.txt"));
+}
+
 // A server on which a commit that is not flushed is lost when it is killed.
 class Durability : public DatabaseAccess {
  protected:

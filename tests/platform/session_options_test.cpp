@@ -16,7 +16,6 @@ namespace {
 
 using appliance::Rows;
 using testing::AllOf;
-using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
