@@ -157,7 +157,7 @@ class OddFiles : public appliance::ToolTest, public ::testing::WithParamInterfac
                              : GetParam() == Odd::kFolder ? "mkdir "
                                                           : "truncate -s 67108865 ";
     appliance::replaceProgram("/bin/tar",
-                              "\"$REAL\" \"$@\"; status=$?; rm -f " + path + "; " + make + path + "; exit $status");
+                              R"("$REAL" "$@"; status=$?; rm -f )" + path + "; " + make + path + "; exit $status");
   }
 
   void runs(const std::vector<std::string>& arguments, int status, const Messages& messages) {
