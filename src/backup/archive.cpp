@@ -143,7 +143,8 @@ bool copyThemes(const std::string& dir) {
 bool copySettings(const std::string& dir) {
   KAVOUtils::ProcessRunner copy("/bin/cp", "/bin/cp", "/var/packages/Lumora/etc/settings.conf",
                                 joinPath(dir, "settings.conf.bak").c_str());
-  if (copy.run(true, false) < 0) {
+  // cp would wait for a writer of a pipe.
+  if (!openToRead("/var/packages/Lumora/etc/settings.conf") || copy.run(true, false) < 0) {
     KAVO_LOG("Copy /var/packages/Lumora/etc/settings failed.\n");
     return false;
   }
@@ -261,7 +262,8 @@ int KavophotoCopyThemeDir(const char* dir) {
       continue;
     }
     KAVOUtils::ProcessRunner copy("/bin/cp", "/bin/cp", "-pf", theme.c_str(), copies.c_str());
-    if (copy.run(true, false) < 0) {
+    // A pipe or a device among the themes would keep cp waiting.
+    if (!openToRead(theme) || copy.run(true, false) < 0) {
       KAVO_LOG("KavophotoCopyThemeDir: failed to copy %s.\n", entry->d_name);
     }
   }

@@ -37,7 +37,8 @@ bool unpackArchive(const std::string& dir) {
   }
   progressPhase("unpacking");
   KAVOUtils::ProcessRunner tar("/bin/tar", "/bin/tar", "-zxvf", archive.c_str(), "-C", dir.c_str());
-  if (tar.run(true, false) < 0) {
+  // tar would wait for a writer of a pipe.
+  if (!openToRead(archive) || tar.run(true, false) < 0) {
     KAVO_LOG("KavophotoRestoreDB failed when un-tar file.\n");
     return false;
   }

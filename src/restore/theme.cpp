@@ -22,8 +22,10 @@ int KavophotoRestoreTheme(const char* dir) {
     if (name == "." || name == ".." || (!gIsOverwiroteMode && exists(joinPath(live, name)))) {
       continue;
     }
-    KAVOUtils::ProcessRunner copy("/bin/cp", "/bin/cp", "-pf", joinPath(saved + "/", name).c_str(), live.c_str());
-    if (copy.run(true, false) < 0) {
+    const std::string theme = joinPath(saved + "/", name);
+    KAVOUtils::ProcessRunner copy("/bin/cp", "/bin/cp", "-pf", theme.c_str(), live.c_str());
+    // cp would wait for a writer of a pipe.
+    if (!openToRead(theme) || copy.run(true, false) < 0) {
       KAVO_LOG("KavophotoRestoreTheme: failed to copy %s.\n", entry->d_name);
     }
   }

@@ -595,4 +595,19 @@ TEST_F(ArchiveTest, DumpThatCannotBeListedIsLoggedAndPacked) {
   EXPECT_EQ(listArchive(workDirectory() + "kavophoto.backup"), membersWith({}));
 }
 
+// cp would wait for a writer, with all tables under their staged names.
+TEST_F(ArchiveTest, PipeInThePlaceOfTheSettingsEndsTheBackup) {
+  appliance::removeAll("/var/packages/Lumora/etc/settings.conf");
+  ASSERT_EQ(mkfifo("/var/packages/Lumora/etc/settings.conf", 0600), 0);
+  backUpWith({"Copy /var/packages/Lumora/etc/settings failed.\n"});
+  expectDatabaseAsBefore();
+}
+
+TEST_F(ArchiveTest, PipeAmongTheThemesIsLeftOut) {
+  ASSERT_EQ(mkfifo("/var/packages/Lumora/etc/blog/pipe", 0600), 0);
+  writeFile("/var/packages/Lumora/etc/blog/style.css", "body {}");
+  backUpWith({"KavophotoCopyThemeDir: failed to copy pipe.\n"});
+  EXPECT_EQ(listArchive(workDirectory() + "kavophoto.backup"), membersWith({"style.css"}));
+}
+
 }  // namespace

@@ -428,6 +428,7 @@ TEST_F(Runner, RunsTheseCommandsInABackup) {
     dump += "[-t][" + table + "_bak]";
   }
   expected.push_back(dump + "[-f][/tmp/backup/kavophoto_backup.dump]");
+  expected.emplace_back("[/usr/bin/pg_restore][-U][postgres][-l][/tmp/backup/kavophoto_backup.dump]");
   expected.emplace_back("[/bin/cp][-pf][/var/packages/Lumora/etc/blog/style sheet.css][/tmp/backup/theme_bak]");
   expected.emplace_back("[/bin/cp][/var/packages/Lumora/etc/settings.conf][/tmp/backup/settings.conf.bak]");
   expected.emplace_back(

@@ -1,5 +1,7 @@
 #include "restore/restore.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <array>
 #include <filesystem>
@@ -613,6 +615,22 @@ TEST_F(RestoreTest, ClosesItsConnection) {
       "DO $$ BEGIN FOR n IN 1..200 LOOP PERFORM pg_stat_clear_snapshot(); EXIT WHEN NOT EXISTS (SELECT FROM "
       "pg_stat_activity WHERE application_name = 'kavophoto_backup'); PERFORM pg_sleep(0.01); END LOOP; END $$");
   EXPECT_EQ(live().value("SELECT count(*) FROM pg_stat_activity WHERE application_name = 'kavophoto_backup'"), "0");
+}
+
+TEST_F(RestoreTest, PipeInThePlaceOfTheArchiveFailsTheUnpacking) {
+  ASSERT_EQ(mkfifo((workDirectory() + "kavophoto.backup").c_str(), 0600), 0);
+  restore(255, {"KavophotoRestoreDB failed when un-tar file.\n", kCannot});
+}
+
+TEST_F(RestoreTest, PipeAmongTheSavedThemesIsLeftOut) {
+  unpackedArchive();
+  ASSERT_EQ(mkfifo("/tmp/members/theme_bak/pipe", 0600), 0);
+  writeFile("/tmp/members/theme_bak/style.css", "body {}");
+  packMembers({"kavophoto_backup.dump", "kavophoto_backup_time.txt", "kavophoto_backup_hox_account.txt",
+               "kavophoto_backup_hox_group_account.txt", "theme_bak", "settings.conf.bak"});
+  restore(0, {"KavophotoRestoreTheme: failed to copy pipe.\n"});
+  EXPECT_EQ(readFile("/var/packages/Lumora/etc/blog/style.css"), "body {}");
+  EXPECT_FALSE(exists("/var/packages/Lumora/etc/blog/pipe"));
 }
 
 }  // namespace

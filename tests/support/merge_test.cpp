@@ -30,10 +30,33 @@ Outcome MergeTest::merge(const ArchiveOptions& options) {
     return run({"-i", directory, "-d", "other"});
   }
   makeArchive(directory, "other", options);
+  std::vector<std::string> arguments = {"-r", directory};
   if (overwrites()) {
-    return run({"-r", directory, "-o"});
+    arguments.emplace_back("-o");
   }
-  return run({"-r", directory});
+  const Outcome outcome = run(arguments);
+  noteCopiesLeft();
+  return outcome;
+}
+
+void MergeTest::noteCopiesLeft() {
+  for (const std::string& table : tableNames()) {
+    const std::string left = "Table " + table + "_bak is left alone, it may be the only copy of its rows: ";
+    const Rows found = live().rows("SELECT to_regclass('public." + table + "') IS NOT NULL WHERE to_regclass('public." +
+                                   table + "_bak') IS NOT NULL");
+    if (found == Rows{{"t"}}) {
+      copiesLeft_.push_back(left + "table " + table + " exists too, and no restore made " + table +
+                            "_bak. Compare the two, drop or rename the one that is not needed, and run again.");
+    } else if (!found.empty()) {
+      copiesLeft_.push_back(left + "there is no table " + table + ". The next run renames it to " + table + ".");
+    }
+  }
+}
+
+void MergeTest::expectMessages(std::vector<std::string> expected) {
+  expected.insert(expected.end(), copiesLeft_.begin(), copiesLeft_.end());
+  copiesLeft_.clear();
+  ToolTest::expectMessages(expected);
 }
 
 }  // namespace appliance

@@ -25,6 +25,10 @@ class MergeTest : public ToolTest, public ::testing::WithParamInterface<Mode> {
   // files of an import are written from the source's rows unless the options give their text.
   Outcome merge(const ArchiveOptions& options = {});
 
+  // The messages of the merge. A restore also leaves the staged copy of a table that the live database lacks, or has
+  // something else than an ordinary table for, and says so at its end; these messages are expected without being named.
+  void expectMessages(std::vector<std::string> expected);
+
   bool overwrites() const { return GetParam() != Mode::RestoreSkip; }
   bool imports() const { return GetParam() == Mode::Import; }
   // What the source's tables are called while they are merged: "" or "_bak".
@@ -33,6 +37,11 @@ class MergeTest : public ToolTest, public ::testing::WithParamInterface<Mode> {
   std::string failedToExec(const std::string& statement, const std::string& error) const {
     return "Failed to exec [" + statement + "] (" + error + ")";
   }
+
+ private:
+  void noteCopiesLeft();
+
+  std::vector<std::string> copiesLeft_;
 };
 
 }  // namespace appliance
