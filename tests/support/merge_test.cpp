@@ -42,13 +42,13 @@ Outcome MergeTest::merge(const ArchiveOptions& options) {
 void MergeTest::noteCopiesLeft() {
   for (const std::string& table : tableNames()) {
     const std::string left = "Table " + table + "_bak is left alone, it may be the only copy of its rows: ";
-    const Rows found = live().rows("SELECT to_regclass('public." + table + "') IS NOT NULL WHERE to_regclass('public." +
-                                   table + "_bak') IS NOT NULL");
-    if (found == Rows{{"t"}}) {
+    const Rows kind = live().rows("SELECT (SELECT relkind FROM pg_class WHERE oid = to_regclass('public." + table +
+                                  "')) WHERE to_regclass('public." + table + "_bak') IS NOT NULL");
+    if (kind == Rows{{"(null)"}}) {
+      copiesLeft_.push_back(left + "there is no table " + table + ". The next run renames it to " + table + ".");
+    } else if (!kind.empty() && kind != Rows{{"r"}}) {
       copiesLeft_.push_back(left + "table " + table + " exists too, and no restore made " + table +
                             "_bak. Compare the two, drop or rename the one that is not needed, and run again.");
-    } else if (!found.empty()) {
-      copiesLeft_.push_back(left + "there is no table " + table + ". The next run renames it to " + table + ".");
     }
   }
 }
