@@ -87,8 +87,16 @@ bool note(DBConnect_tag* connection, const std::string& value) {
   return execute(connection, formatText("ALTER DATABASE photo SET kavophoto_backup.staged = '%s'", value.c_str()));
 }
 
+// Writes only where there is a note.
 bool clearNote(DBConnect_tag* connection) {
-  return execute(connection, "ALTER DATABASE photo RESET kavophoto_backup.staged");
+  Result notes;
+  if (!execute(connection,
+               "SELECT FROM pg_db_role_setting, unnest(setconfig) AS note WHERE setrole = 0 AND setdatabase = (SELECT "
+               "oid FROM pg_database WHERE datname = current_database()) AND note LIKE 'kavophoto_backup.staged=%'",
+               notes)) {
+    return false;
+  }
+  return !hasRows(notes) || execute(connection, "ALTER DATABASE photo RESET kavophoto_backup.staged");
 }
 
 // Rolls back what was not committed when it goes out of scope.

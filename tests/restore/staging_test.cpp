@@ -152,6 +152,12 @@ TEST_F(StagingTest, DropsNothingWhereNothingIsStaged) {
   expectNoMessages();
 }
 
+TEST_F(StagingTest, WritesNothingWhereNothingIsStaged) {
+  live().exec("ALTER DATABASE photo SET default_transaction_read_only = on");
+  EXPECT_TRUE(freeNames());
+  expectNoMessages();
+}
+
 TEST_F(StagingTest, LeavesACopyThatSomebodyMade) {
   stage("photo_share");
   EXPECT_EQ(drop(), 0);
