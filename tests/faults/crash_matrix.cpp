@@ -126,10 +126,14 @@ std::string commandsAt(const KillPoint& point) {
       return killCommand(point) + "; exit 0";
     case KillPoint::When::kAfter:
       return R"("$REAL" "$@"; )" + killCommand(point) + "; exit 0";
-    case KillPoint::When::kWhile:
-      // One of four moments: most of the programs run for some ten milliseconds.
-      return "kill -s STOP $PPID; (trap '' TERM; sleep 0.0" + std::to_string(2 * (point.number % 4)) + "5; " +
-             killCommand(point) + "; kill -s CONT $PPID) > /dev/null 2>&1 &";
+    case KillPoint::When::kWhile: {
+      const std::string end = killCommand(point) + "; kill -s CONT $PPID) > /dev/null 2>&1 &";
+      // Most programs take less time than the next run to begin. So every second one is late: as an orphan it would do
+      // its work in the middle of that run. The others are met at one of a few moments.
+      return point.number % 2 == 1
+                 ? "kill -s STOP $PPID; (trap '' TERM; " + end + "\nsleep 0.15"
+                 : "kill -s STOP $PPID; (trap '' TERM; sleep 0.00" + std::to_string(point.number % 8 + 1) + "; " + end;
+    }
   }
   return "";
 }

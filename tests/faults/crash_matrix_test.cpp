@@ -67,13 +67,14 @@ TEST_P(AnyModeAfterAKilledRun, FindsEveryRowAndPutsEveryTableInItsPlace) {
   long part = 0;
   for (const Mode next : crash::kEveryMode) {
     ++part;
-    KillPoint point = {KillPoint::At::kProgram, reference.programs * part / kParts, When::kWhile, ""};
+    // An odd one, which is late.
+    KillPoint point = {KillPoint::At::kProgram, (reference.programs * part / kParts) | 1, When::kWhile, ""};
     if (part % 2 == 0 || reference.programs == 0) {
       point = {KillPoint::At::kStatement, reference.statements * part / kParts,
                part % 4 == 0 ? When::kAfter : When::kBefore, ""};
     }
-    point.signal = part % 2 == 0 ? SIGTERM : SIGKILL;
-    point.scope = part > 2 ? crash::Scope::kGroup : crash::Scope::kTool;
+    point.signal = part == 2 || part == 5 ? SIGTERM : SIGKILL;
+    point.scope = part == 2 || part == 3 ? crash::Scope::kGroup : crash::Scope::kTool;
     if (next == GetParam() && next != Mode::kExport) {
       continue;
     }

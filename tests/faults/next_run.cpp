@@ -14,7 +14,6 @@ namespace crash {
 namespace {
 
 using appliance::Database;
-using appliance::workDirectory;
 using Texts = std::vector<std::string>;
 
 constexpr const char* kLastDirectory = "/tmp/last/";
