@@ -107,80 +107,35 @@ std::vector<std::string> namedSmartAlbums(Database& live) {
   return rules;
 }
 
-std::vector<std::string> archivedRows() {
-  appliance::RunOptions tar;
-  tar.program = "/bin/tar";
-  appliance::makeDirectories("/tmp/unpacked");
-  appliance::RunOptions restore;
-  restore.program = "/usr/bin/pg_restore";
-  if (appliance::runTool({"-xzf", workDirectory() + "kavophoto.backup", "-C", "/tmp/unpacked"}, tar).status != 0) {
-    return {"tar failed"};
-  }
-  const appliance::Outcome outcome =
-      appliance::runTool({"--data-only", "-f", "-", "/tmp/unpacked/kavophoto_backup.dump"}, restore);
-  std::vector<std::string> lines = linesOf(outcome.out);
-  // Each run of pg_restore makes up another key there.
-  std::erase_if(lines, [](const std::string& line) { return line.find("restrict ") != std::string::npos; });
-  return lines;
-}
-
-Outcome look(Mode mode, bool ran) {
-  Outcome outcome;
-  Database live("photo");
-  outcome.contents = appliance::contents("photo");
-  outcome.structure = appliance::structure("photo");
-  outcome.rows = named::rows(live);
-  outcome.smartAlbums = namedSmartAlbums(live);
-  outcome.settings = appliance::readFile(kSettings);
-  for (const auto& theme : std::filesystem::directory_iterator(kThemes)) {
-    outcome.themes[theme.path().filename()] = appliance::readFile(theme.path());
-  }
-  if (mode == Mode::kBackup && ran) {
-    outcome.archive = archivedRows();
-  }
-  return outcome;
-}
-
 const std::vector<std::string>& programs() {
   static const std::vector<std::string> all = {"/usr/bin/psql", "/usr/bin/pg_dump", "/usr/bin/pg_restore",
                                                "/bin/tar",      "/bin/cp",          "/bin/rm"};
   return all;
 }
 
-// Every program counts its start, and kills the tool at the start of that number; 0 never comes.
-void replacePrograms(long number, bool after) {
-  const std::string run = R"("$REAL" "$@")";
-  const std::string kill = "kill -9 $PPID; exit 0";
-  const std::string script = std::string("read -r n < ") + kCount + "; n=$((n + 1)); echo $n > " + kCount +
-                             "\nif [ $n -eq " + std::to_string(number) + " ]; then " +
-                             (after ? run + "; " + kill : kill) + "; fi\nexec " + run;
-  appliance::writeFile(kCount, "0\n");
-  for (const std::string& program : programs()) {
-    appliance::replaceProgram(program, script);
+// What the shell in the place of a program does to the tool, its parent. A tool that is stopped before cannot get past
+// the program; a signal that ends it is delivered when it goes on.
+std::string killCommand(const KillPoint& point) {
+  const std::string whom = point.scope == Scope::kGroup ? "-$PPID" : "$PPID";
+  return std::string("kill -s ") + (point.signal == SIGTERM ? "TERM" : "KILL") + " -- " + whom;
+}
+
+std::string commandsAt(const KillPoint& point) {
+  switch (point.when) {
+    case KillPoint::When::kBefore:
+      return killCommand(point) + "; exit 0";
+    case KillPoint::When::kAfter:
+      return R"("$REAL" "$@"; )" + killCommand(point) + "; exit 0";
+    case KillPoint::When::kWhile: {
+      const std::string end = killCommand(point) + "; kill -s CONT $PPID) > /dev/null 2>&1 &";
+      // Most programs take less time than the next run to begin. So every second one is late: as an orphan it would do
+      // its work in the middle of that run. The others are met at one of a few moments.
+      return point.number % 2 == 1
+                 ? "kill -s STOP $PPID; (trap '' TERM; " + end + "\nsleep 0.15"
+                 : "kill -s STOP $PPID; (trap '' TERM; sleep 0.00" + std::to_string(point.number % 8 + 1) + "; " + end;
+    }
   }
-  appliance::writeFile(kCoverScript, "#!/bin/sh\nREAL=/bin/true\n" + script + "\n", 0755);
-}
-
-void bringProgramsBack() {
-  appliance::restorePrograms();
-  appliance::writeFile(kCoverScript, "#!/bin/sh\n", 0755);
-}
-
-// The rows that are missing, as often as they are missing.
-std::vector<std::string> missing(std::vector<std::string> expected, std::vector<std::string> found) {
-  std::sort(expected.begin(), expected.end());
-  std::sort(found.begin(), found.end());
-  std::vector<std::string> difference;
-  std::set_difference(expected.begin(), expected.end(), found.begin(), found.end(), std::back_inserter(difference));
-  return difference;
-}
-
-std::string joined(const std::vector<std::string>& fields) {
-  std::string text;
-  for (const std::string& field : fields) {
-    text += (text.empty() ? "" : " | ") + field;
-  }
-  return text;
+  return "";
 }
 
 std::vector<std::string> texts(const named::Rows& rows) {
@@ -190,21 +145,6 @@ std::vector<std::string> texts(const named::Rows& rows) {
     all.push_back(joined(row));
   }
   return all;
-}
-
-bool linksToNothing(const std::string& row) { return row.find("(none)") != std::string::npos; }
-
-void lose(Trial& trial, const std::string& table, const std::vector<std::string>& rows) {
-  trial.rowsLost += static_cast<long>(rows.size());
-  for (const std::string& row : rows) {
-    trial.faults.push_back(std::string("lost from ").append(table).append(": ").append(row));
-  }
-}
-
-void gain(Trial& trial, const std::string& table, const std::vector<std::string>& rows) {
-  for (const std::string& row : rows) {
-    trial.faults.push_back(std::string("too much in ").append(table).append(": ").append(row));
-  }
 }
 
 template <typename Value>
@@ -271,22 +211,6 @@ void checkBackup(Trial& trial, const Reference& reference, const Outcome& found)
   }
 }
 
-void checkTables(Trial& trial) {
-  Database live("photo");
-  const named::Rows tables = live.rows("SELECT tablename FROM pg_tables WHERE schemaname = 'public'");
-  const auto isThere = [&tables](const std::string& name) {
-    return std::find(tables.begin(), tables.end(), std::vector<std::string>{name}) != tables.end();
-  };
-  for (const std::string& table : appliance::tableNames()) {
-    if (!isThere(table)) {
-      trial.faults.push_back("no table " + table);
-    }
-    if (isThere(table + "_bak")) {
-      trial.faults.push_back("staged table left: " + table + "_bak");
-    }
-  }
-}
-
 void checkFiles(Trial& trial, Mode mode) {
   std::set<std::string> allowed = {"kavophoto.backup"};
   if (isRestore(mode)) {
@@ -306,44 +230,162 @@ void checkFiles(Trial& trial, Mode mode) {
   }
 }
 
-// A second run may be told of less, as there is less to merge, but of nothing that an undisturbed run is not told of.
-void checkMessages(Trial& trial, const Reference& reference, const Outcome& found) {
-  for (const std::string& message : found.messages) {
-    const auto& expected = reference.after.messages;
-    if (std::find(expected.begin(), expected.end(), message) == expected.end()) {
-      trial.faults.push_back("logged: " + message);
-    }
-  }
+void layOutRowsAndSettings() {
+  appliance::reset();
+  fillDatabases();
+  putSmartAlbumsBack();
+  appliance::writeFile(std::string(kThemes) + "/kept.css", "live");
+  appliance::writeFile(std::string(kThemes) + "/live.css", "live");
+  appliance::writeFile(kSettings, "site_name=\"Live\"\nlive=\"yes\"\n");
+  appliance::writeFile(kCoverScript, "#!/bin/sh\n", 0755);
 }
 
-bool killAtStatement(Mode mode, const KillPoint& point) {
+bool killAtStatement(const std::vector<std::string>& arguments, const KillPoint& point) {
   StatementRelay relay;
-  const auto hold = point.after ? StatementRelay::Hold::kAfterStatement : StatementRelay::Hold::kBeforeStatement;
+  const auto hold = point.when == KillPoint::When::kBefore ? StatementRelay::Hold::kBeforeStatement
+                                                           : StatementRelay::Hold::kAfterStatement;
   if (point.text.empty()) {
     relay.holdAt(point.number, hold);
   } else {
     relay.holdAt(point.text, hold);
   }
-  appliance::RunOptions options;
-  options.env = {relay.environment()};
-  const pid_t tool = appliance::startTool(commandLine(mode), options);
+  const pid_t tool = startInItsOwnGroup(arguments, {relay.environment()});
   const bool reached = relay.waitUntilHeld(tool);
   if (reached) {
-    kill(tool, SIGKILL);
+    kill(point.scope == Scope::kGroup ? -tool : tool, point.signal);
   }
   const appliance::Outcome outcome = appliance::waitTool(tool);
   relay.cut();
-  return reached && outcome.status == -SIGKILL;
+  return reached && outcome.status == -point.signal;
 }
 
-bool killAtProgram(Mode mode, const KillPoint& point) {
-  replacePrograms(point.number, point.after);
-  const appliance::Outcome outcome = appliance::runTool(commandLine(mode));
+bool killAtProgram(const std::vector<std::string>& arguments, const KillPoint& point) {
+  countPrograms(point.number, commandsAt(point));
+  const appliance::Outcome outcome = appliance::waitTool(startInItsOwnGroup(arguments, {}));
   bringProgramsBack();
-  return outcome.status == -SIGKILL;
+  return outcome.status == -point.signal;
 }
 
 }  // namespace
+
+pid_t startInItsOwnGroup(const std::vector<std::string>& arguments, const std::vector<std::string>& environment) {
+  appliance::RunOptions options;
+  options.program = "/usr/bin/setsid";
+  options.env = environment;
+  std::vector<std::string> words = {appliance::toolPath()};
+  words.insert(words.end(), arguments.begin(), arguments.end());
+  return appliance::startTool(words, options);
+}
+
+void countPrograms(long number, const std::string& atNumber) {
+  const std::string script = std::string("read -r n < ") + kCount + "; n=$((n + 1)); echo $n > " + kCount +
+                             "\nif [ $n -eq " + std::to_string(number) + " ]; then\n" +
+                             (atNumber.empty() ? ":" : atNumber) + "\nfi\nexec \"$REAL\" \"$@\"";
+  appliance::writeFile(kCount, "0\n");
+  for (const std::string& program : programs()) {
+    appliance::replaceProgram(program, script);
+  }
+  appliance::writeFile(kCoverScript, "#!/bin/sh\nREAL=/bin/true\n" + script + "\n", 0755);
+}
+
+long countedPrograms() { return std::stol(appliance::readFile(kCount)); }
+
+void bringProgramsBack() {
+  appliance::restorePrograms();
+  appliance::writeFile(kCoverScript, "#!/bin/sh\n", 0755);
+}
+
+std::vector<std::string> archivedRows(const std::string& directory) {
+  appliance::RunOptions tar;
+  tar.program = "/bin/tar";
+  appliance::makeDirectories("/tmp/unpacked");
+  appliance::RunOptions restore;
+  restore.program = "/usr/bin/pg_restore";
+  if (appliance::runTool({"-xzf", directory + "kavophoto.backup", "-C", "/tmp/unpacked"}, tar).status != 0) {
+    return {"tar failed"};
+  }
+  const appliance::Outcome outcome =
+      appliance::runTool({"--data-only", "-f", "-", "/tmp/unpacked/kavophoto_backup.dump"}, restore);
+  std::vector<std::string> lines = linesOf(outcome.out);
+  // Each run of pg_restore makes up another key there.
+  std::erase_if(lines, [](const std::string& line) { return line.find("restrict ") != std::string::npos; });
+  return lines;
+}
+
+Outcome look(const std::string& archive) {
+  Outcome outcome;
+  Database live("photo");
+  outcome.contents = appliance::contents("photo");
+  outcome.structure = appliance::structure("photo");
+  outcome.rows = named::rows(live);
+  outcome.smartAlbums = namedSmartAlbums(live);
+  outcome.settings = appliance::readFile(kSettings);
+  for (const auto& theme : std::filesystem::directory_iterator(kThemes)) {
+    outcome.themes[theme.path().filename()] = appliance::readFile(theme.path());
+  }
+  if (!archive.empty()) {
+    outcome.archive = archivedRows(archive);
+  }
+  return outcome;
+}
+
+std::vector<std::string> missing(std::vector<std::string> expected, std::vector<std::string> found) {
+  std::sort(expected.begin(), expected.end());
+  std::sort(found.begin(), found.end());
+  std::vector<std::string> difference;
+  std::set_difference(expected.begin(), expected.end(), found.begin(), found.end(), std::back_inserter(difference));
+  return difference;
+}
+
+std::string joined(const std::vector<std::string>& fields) {
+  std::string text;
+  for (const std::string& field : fields) {
+    text += (text.empty() ? "" : " | ") + field;
+  }
+  return text;
+}
+
+bool linksToNothing(const std::string& row) { return row.find("(none)") != std::string::npos; }
+
+void lose(Trial& trial, const std::string& table, const std::vector<std::string>& rows) {
+  trial.rowsLost += static_cast<long>(rows.size());
+  for (const std::string& row : rows) {
+    trial.faults.push_back(std::string("lost from ").append(table).append(": ").append(row));
+  }
+}
+
+void gain(Trial& trial, const std::string& table, const std::vector<std::string>& rows) {
+  trial.rowsDoubled += static_cast<long>(rows.size());
+  for (const std::string& row : rows) {
+    trial.faults.push_back(std::string("too much in ").append(table).append(": ").append(row));
+  }
+}
+
+void checkTables(Trial& trial, bool stagedMayStay) {
+  Database live("photo");
+  const named::Rows tables = live.rows("SELECT tablename FROM pg_tables WHERE schemaname = 'public'");
+  const auto isThere = [&tables](const std::string& name) {
+    return std::find(tables.begin(), tables.end(), std::vector<std::string>{name}) != tables.end();
+  };
+  for (const std::string& table : appliance::tableNames()) {
+    if (!isThere(table)) {
+      ++trial.wrongNames;
+      trial.faults.push_back("no table " + table);
+    }
+    if (!stagedMayStay && isThere(table + "_bak")) {
+      ++trial.wrongNames;
+      trial.faults.push_back("staged table left: " + table + "_bak");
+    }
+  }
+}
+
+void checkMessages(Trial& trial, const std::vector<std::string>& expected, const std::vector<std::string>& found) {
+  for (const std::string& message : found) {
+    if (std::find(expected.begin(), expected.end(), message) == expected.end()) {
+      trial.faults.push_back("logged: " + message);
+    }
+  }
+}
 
 std::string nameOf(Mode mode) {
   switch (mode) {
@@ -355,6 +397,8 @@ std::string nameOf(Mode mode) {
       return "restore -o";
     case Mode::kImport:
       return "import";
+    case Mode::kExport:
+      return "export";
   }
   return "";
 }
@@ -369,14 +413,22 @@ std::string testName(Mode mode) {
       return "RestoreOverwrite";
     case Mode::kImport:
       return "Import";
+    case Mode::kExport:
+      return "Export";
   }
   return "";
 }
 
+std::string nameOf(Scope scope) { return scope == Scope::kTool ? "tool" : "group"; }
+
+std::string signalName(int signal) { return signal == SIGTERM ? "SIGTERM" : "SIGKILL"; }
+
 std::string nameOf(const KillPoint& point) {
-  return std::string(point.after ? "after" : "before") + " " +
-         (point.at == KillPoint::At::kProgram ? "program" : "statement") + " " +
-         (point.text.empty() ? std::to_string(point.number) : point.text);
+  static const std::map<KillPoint::When, std::string> when = {
+      {KillPoint::When::kBefore, "before"}, {KillPoint::When::kAfter, "after"}, {KillPoint::When::kWhile, "during"}};
+  return when.at(point.when) + " " + (point.at == KillPoint::At::kProgram ? "program" : "statement") + " " +
+         (point.text.empty() ? std::to_string(point.number) : point.text) + " by " + signalName(point.signal) +
+         " to the " + nameOf(point.scope);
 }
 
 std::vector<std::string> commandLine(Mode mode) {
@@ -389,6 +441,8 @@ std::vector<std::string> commandLine(Mode mode) {
       return {"-r", workDirectory(), "-o"};
     case Mode::kImport:
       return {"-i", workDirectory(), "-d", "other"};
+    case Mode::kExport:
+      return {"-e", workDirectory()};
   }
   return {};
 }
@@ -402,13 +456,7 @@ void putSmartAlbumsBack() {
 }
 
 void layOut(Mode mode) {
-  appliance::reset();
-  fillDatabases();
-  putSmartAlbumsBack();
-  appliance::writeFile(std::string(kThemes) + "/kept.css", "live");
-  appliance::writeFile(std::string(kThemes) + "/live.css", "live");
-  appliance::writeFile(kSettings, "site_name=\"Live\"\nlive=\"yes\"\n");
-  appliance::writeFile(kCoverScript, "#!/bin/sh\n", 0755);
+  layOutRowsAndSettings();
   if (mode == Mode::kImport) {
     appliance::writeAccountFiles(workDirectory(), "other");
   } else if (isRestore(mode)) {
@@ -416,23 +464,29 @@ void layOut(Mode mode) {
   }
 }
 
+void layOutForEveryMode() {
+  layOutRowsAndSettings();
+  appliance::writeAccountFiles(workDirectory(), "other");
+  writeArchive();
+}
+
 Reference undisturbedRun(Mode mode) {
   Reference reference;
   reference.mode = mode;
   layOut(mode);
-  reference.before = look(mode, false);
-  replacePrograms(0, false);
+  reference.before = look("");
+  countPrograms(0, "");
   StatementRelay relay;
   appliance::RunOptions options;
   options.env = {relay.environment()};
   if (appliance::runTool(commandLine(mode), options).status != 0) {
     throw std::runtime_error("the undisturbed run fails");
   }
-  reference.programs = std::stol(appliance::readFile(kCount));
+  reference.programs = countedPrograms();
   reference.statements = relay.statements();
   bringProgramsBack();
   const std::vector<std::string> messages = appliance::takeMessages();
-  reference.after = look(mode, true);
+  reference.after = look(mode == Mode::kBackup ? workDirectory() : "");
   reference.after.messages = messages;
   return reference;
 }
@@ -443,24 +497,30 @@ const Reference& referenceOf(Mode mode) {
   return place != references.end() ? place->second : references.emplace(mode, undisturbedRun(mode)).first->second;
 }
 
-std::vector<KillPoint> killPoints(const Reference& reference, long first, long step) {
+std::vector<KillPoint> killPoints(const Reference& reference, long first, long programStep, long step) {
+  using At = KillPoint::At;
+  using When = KillPoint::When;
   std::vector<KillPoint> points;
-  for (long number = 1; number <= reference.programs; ++number) {
-    points.push_back({KillPoint::At::kProgram, number, false, ""});
-    points.push_back({KillPoint::At::kProgram, number, true, ""});
+  for (long number = 1 + (first - 1) % programStep; number <= reference.programs; number += programStep) {
+    for (const When when : {When::kBefore, When::kWhile, When::kAfter}) {
+      points.push_back({At::kProgram, number, when, ""});
+    }
   }
   for (long number = first; number <= reference.statements; number += step) {
-    points.push_back({KillPoint::At::kStatement, number, false, ""});
-    points.push_back({KillPoint::At::kStatement, number, true, ""});
+    points.push_back({At::kStatement, number, When::kBefore, ""});
+    points.push_back({At::kStatement, number, When::kAfter, ""});
   }
   return points;
 }
 
-bool runAndKill(Mode mode, const KillPoint& point) {
-  const bool killed = point.at == KillPoint::At::kProgram ? killAtProgram(mode, point) : killAtStatement(mode, point);
+bool runAndKill(const std::vector<std::string>& arguments, const KillPoint& point) {
+  const bool killed =
+      point.at == KillPoint::At::kProgram ? killAtProgram(arguments, point) : killAtStatement(arguments, point);
   appliance::takeMessages();
   return killed;
 }
+
+bool runAndKill(Mode mode, const KillPoint& point) { return runAndKill(commandLine(mode), point); }
 
 Trial killAndRunAgain(const Reference& reference, const std::vector<KillPoint>& points) {
   layOut(reference.mode);
@@ -481,12 +541,11 @@ Trial runAgain(const Reference& reference) {
     trial.faults.push_back("the second run ends with status " + std::to_string(again.status));
   }
   const std::vector<std::string> messages = appliance::takeMessages();
-  checkTables(trial);
+  checkTables(trial, false);
   if (!trial.faults.empty()) {
     return trial;
   }
-  Outcome found = look(reference.mode, true);
-  found.messages = messages;
+  const Outcome found = look(reference.mode == Mode::kBackup ? workDirectory() : "");
   if (reference.mode == Mode::kBackup) {
     checkBackup(trial, reference, found);
   } else {
@@ -494,7 +553,8 @@ Trial runAgain(const Reference& reference) {
   }
   expectSame(trial, "the settings file", reference.after.settings, found.settings);
   expectSame(trial, "the theme directory", reference.after.themes, found.themes);
-  checkMessages(trial, reference, found);
+  // A second run may be told of less, as there is less to merge, but of nothing that an undisturbed run is not told of.
+  checkMessages(trial, reference.after.messages, messages);
   checkFiles(trial, reference.mode);
   for (const std::string& report : appliance::takeSanitizerReports()) {
     trial.faults.push_back(report);

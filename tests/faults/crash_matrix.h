@@ -1,30 +1,47 @@
 #pragma once
 
+#include <sys/types.h>
+
+#include <csignal>
 #include <map>
 #include <string>
 #include <vector>
 
 #include "support/named_rows.h"
 
-// The tool killed at a chosen point of its work, and the same command run again to its end.
+// The tool killed at a chosen point of its work, and the same command run again to its end. What another command finds
+// is looked at in next_run.h, a second run beside the first in company.h.
 namespace crash {
 
-enum class Mode { kBackup, kRestoreSkip, kRestoreOverwrite, kImport };
+enum class Mode { kBackup, kRestoreSkip, kRestoreOverwrite, kImport, kExport };
 
+inline constexpr Mode kEveryMode[] = {Mode::kBackup, Mode::kRestoreSkip, Mode::kRestoreOverwrite, Mode::kImport,
+                                      Mode::kExport};
+// An export changes nothing that could be lost.
 inline constexpr Mode kModes[] = {Mode::kBackup, Mode::kRestoreSkip, Mode::kRestoreOverwrite, Mode::kImport};
 
 std::string nameOf(Mode mode);
 // The same as a part of a test's name.
 std::string testName(Mode mode);
 
-// SIGKILL just before or just after the external program or the statement of this number, counted from 1.
+// What gets the signal: the tool alone, or its whole process group, which is its own.
+enum class Scope { kTool, kGroup };
+std::string nameOf(Scope scope);
+// "SIGKILL" or "SIGTERM".
+std::string signalName(int signal);
+
+// A signal at the external program or the statement of this number, counted from 1: just before it, just after it, or
+// while the program runs. Programs that are not the tool's own children any more then are orphans.
 struct KillPoint {
   enum class At { kProgram, kStatement };
+  enum class When { kBefore, kAfter, kWhile };
   At at = At::kProgram;
   long number = 0;
-  bool after = false;
+  When when = When::kBefore;
   // A statement by what it holds, instead of its number.
   std::string text;
+  int signal = SIGKILL;
+  Scope scope = Scope::kTool;
 };
 
 std::string nameOf(const KillPoint& point);
@@ -56,14 +73,21 @@ Reference undisturbedRun(Mode mode);
 // The same, run once in the life of the process.
 const Reference& referenceOf(Mode mode);
 
-// All programs, and every `step`th statement from the `first` on, each before and after.
-std::vector<KillPoint> killPoints(const Reference& reference, long first, long step);
+// Every `programStep`th program, before, while it runs and after, and every `step`th statement, before and after, each
+// from the `first` on.
+std::vector<KillPoint> killPoints(const Reference& reference, long first, long programStep, long step);
 
 struct Trial {
   // Rows that the database must hold now and does not.
   long rowsLost = 0;
-  // Whatever else is not as it must be, and each lost row, in words.
+  // Rows that it holds too often.
+  long rowsDoubled = 0;
+  // Tables that are missing under their own name, and staged names that are still taken.
+  long wrongNames = 0;
+  // Whatever is not as it must be, in words: each of the above, and everything else.
   std::vector<std::string> faults;
+
+  long otherFaults() const { return static_cast<long>(faults.size()) - rowsLost - rowsDoubled - wrongNames; }
 };
 
 // Kills a run at each of the points, one run after the other on what the one before left, and then runs to the end.
@@ -77,7 +101,34 @@ void layOut(Mode mode);
 void putSmartAlbumsBack();
 std::vector<std::string> commandLine(Mode mode);
 // Kills the tool at the point; false, with the run at its end, when it did not get there. Its programs are the real
-// ones again afterwards.
+// ones again afterwards. Without arguments it is the mode's own command.
 bool runAndKill(Mode mode, const KillPoint& point);
+bool runAndKill(const std::vector<std::string>& arguments, const KillPoint& point);
+
+// The parts of the above that other trials need too.
+
+// Starts the tool as the leader of a process group of its own, to be handed to waitTool.
+pid_t startInItsOwnGroup(const std::vector<std::string>& arguments, const std::vector<std::string>& environment);
+// Lays out what every mode finds: rows, files, an archive and the account files of the other database.
+void layOutForEveryMode();
+// Puts `atNumber`, a part of a shell script, in front of the program that the tool starts as this number; 0 never
+// comes. The programs are counted until the real ones are brought back.
+void countPrograms(long number, const std::string& atNumber);
+long countedPrograms();
+void bringProgramsBack();
+// The rows of the archive in this directory, as text.
+std::vector<std::string> archivedRows(const std::string& directory);
+// The elements that are missing, as often as they are missing.
+std::vector<std::string> missing(std::vector<std::string> expected, std::vector<std::string> found);
+std::string joined(const std::vector<std::string>& fields);
+bool linksToNothing(const std::string& row);
+void lose(Trial& trial, const std::string& table, const std::vector<std::string>& rows);
+void gain(Trial& trial, const std::string& table, const std::vector<std::string>& rows);
+// Every live table must be there under its own name, and unless `stagedMayStay` no table under a staged one.
+void checkTables(Trial& trial, bool stagedMayStay);
+// Every message must be one of the expected ones.
+void checkMessages(Trial& trial, const std::vector<std::string>& expected, const std::vector<std::string>& found);
+// What the run leaves now; `archive` is the directory of the archive to read, or empty.
+Outcome look(const std::string& archive);
 
 }  // namespace crash

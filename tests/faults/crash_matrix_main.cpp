@@ -1,66 +1,226 @@
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <exception>
+#include <functional>
 
+#include "faults/company.h"
 #include "faults/crash_matrix.h"
+#include "faults/next_run.h"
 
 namespace {
+
+using crash::KillPoint;
+using crash::Mode;
+using crash::NextTrial;
+using crash::Reference;
+using crash::Scope;
 
 // Statements between two kill points, unless another number is given.
 constexpr long kStep = 25;
 
-struct Row {
-  long programPoints = 0;
-  long statementPoints = 0;
-  long secondKills = 0;
-  long rowsLost = 0;
-  long otherFaults = 0;
+struct Kill {
+  int signal;
+  Scope scope;
+};
+constexpr Kill kKills[] = {
+    {SIGKILL, Scope::kTool}, {SIGKILL, Scope::kGroup}, {SIGTERM, Scope::kTool}, {SIGTERM, Scope::kGroup}};
+
+// One line of the table.
+struct Cell {
+  Mode killed;
+  Mode next;
+  Kill kill;
+  std::vector<KillPoint> points;
 };
 
-// Points from one at which the next run is killed too to the next of them.
-constexpr std::size_t kSecondStep = 8;
+struct Meeting {
+  Mode held;
+  Mode started;
+  std::vector<KillPoint> points;
+};
 
-void tryOne(const crash::Reference& reference, const std::vector<crash::KillPoint>& points, Row& row) {
-  const crash::Trial trial = crash::killAndRunAgain(reference, points);
-  row.rowsLost += trial.rowsLost;
-  row.otherFaults += static_cast<long>(trial.faults.size()) - trial.rowsLost;
-  for (const std::string& fault : trial.faults) {
-    std::fprintf(stderr, "%s, killed %s%s: %s\n", crash::nameOf(reference.mode).c_str(),
-                 crash::nameOf(points.front()).c_str(),
-                 points.size() > 1 ? (" and " + crash::nameOf(points.back())).c_str() : "", fault.c_str());
+// A command that is run again is tried at more programs than one that follows another.
+long programStep(const Reference& reference, long step, bool isDense) {
+  const long sparse = std::max(1L, std::min(step, reference.programs));
+  return isDense ? std::max(1L, std::min(step / kStep, sparse)) : sparse;
+}
+
+// Every third point of programs, so one of before, during and after, and every second of statements, from another one
+// on in each line.
+std::vector<KillPoint> thinned(const std::vector<KillPoint>& points, std::size_t line) {
+  std::vector<KillPoint> left;
+  for (std::size_t at = 0; at < points.size(); ++at) {
+    const std::size_t every = points[at].at == KillPoint::At::kProgram ? 3 : 2;
+    if ((at + line) % every == 0) {
+      left.push_back(points[at]);
+    }
+  }
+  return left;
+}
+
+// Each line begins somewhere else, so that they try different points.
+std::vector<Cell> planCells(long step) {
+  std::vector<Cell> cells;
+  for (const Mode killed : crash::kEveryMode) {
+    for (const Kill& kill : kKills) {
+      for (const Mode next : crash::kEveryMode) {
+        const Reference& reference = crash::sharedReferenceOf(killed);
+        constexpr long kPrime = 7;
+        const long first = 1 + static_cast<long>(cells.size()) * kPrime % std::min(step, reference.statements);
+        const bool isDense = killed == next && kill.signal == SIGKILL && kill.scope == Scope::kTool;
+        Cell cell = {killed, next, kill,
+                     crash::killPoints(reference, first, programStep(reference, step, isDense), step)};
+        if (!isDense) {
+          cell.points = thinned(cell.points, cells.size());
+        }
+        for (KillPoint& point : cell.points) {
+          point.signal = kill.signal;
+          point.scope = kill.scope;
+        }
+        cells.push_back(cell);
+      }
+    }
+  }
+  return cells;
+}
+
+std::vector<Meeting> planMeetings(long step) {
+  std::vector<Meeting> meetings;
+  for (const Mode held : crash::kEveryMode) {
+    for (const Mode started : crash::kEveryMode) {
+      const Reference& reference = crash::sharedReferenceOf(held);
+      constexpr long kPrime = 7;
+      const long first = 1 + static_cast<long>(meetings.size()) * kPrime % std::min(step, reference.statements);
+      meetings.push_back(
+          {held, started, crash::holdPoints(reference, first, programStep(reference, step, false), step)});
+    }
+  }
+  return meetings;
+}
+
+double secondsOf(const std::function<void()>& work) {
+  const auto start = std::chrono::steady_clock::now();
+  work();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+NextTrial tryOne(const Cell& cell, const KillPoint& point) {
+  if (cell.killed != cell.next || cell.killed == Mode::kExport) {
+    return crash::killAndRunNext(cell.killed, cell.next, point);
+  }
+  NextTrial trial;
+  static_cast<crash::Trial&>(trial) = crash::killAndRunAgain(crash::referenceOf(cell.killed), {point});
+  return trial;
+}
+
+void tell(Mode killed, Mode next, const std::string& where, const std::vector<std::string>& faults) {
+  for (const std::string& fault : faults) {
+    std::fprintf(stderr, "%s, %s, then %s: %s\n", crash::nameOf(killed).c_str(), where.c_str(),
+                 crash::nameOf(next).c_str(), fault.c_str());
   }
 }
 
-Row tryAll(const crash::Reference& reference, long step) {
-  Row row;
-  const std::vector<crash::KillPoint> points = crash::killPoints(reference, 1, step);
-  for (const crash::KillPoint& point : points) {
-    tryOne(reference, {point}, row);
-    ++(point.at == crash::KillPoint::At::kProgram ? row.programPoints : row.statementPoints);
+bool runCell(const Cell& cell) {
+  NextTrial sum;
+  long otherFaults = 0;
+  for (const KillPoint& point : cell.points) {
+    const NextTrial trial = tryOne(cell, point);
+    sum.rowsLost += trial.rowsLost;
+    sum.rowsDoubled += trial.rowsDoubled;
+    sum.wrongNames += trial.wrongNames;
+    sum.caughtInReplacement += trial.caughtInReplacement > 0 ? 1 : 0;
+    sum.linksCut += trial.linksCut > 0 ? 1 : 0;
+    otherFaults += trial.otherFaults();
+    tell(cell.killed, cell.next, crash::nameOf(point), trial.faults);
   }
+  std::printf("| %s | %s | %s | %s | %zu | %ld | %ld | %ld | %ld | %ld | %ld |\n", crash::nameOf(cell.killed).c_str(),
+              crash::signalName(cell.kill.signal).c_str(), crash::nameOf(cell.kill.scope).c_str(),
+              cell.killed == cell.next ? "the same" : crash::nameOf(cell.next).c_str(), cell.points.size(),
+              sum.rowsLost, sum.rowsDoubled, sum.wrongNames, otherFaults, sum.caughtInReplacement, sum.linksCut);
+  std::fflush(stdout);
+  return sum.rowsLost == 0 && sum.rowsDoubled == 0 && sum.wrongNames == 0 && otherFaults == 0;
+}
+
+// The next run of the same command is killed too.
+bool killTwice(Mode mode, long step) {
+  const Reference& reference = crash::referenceOf(mode);
+  constexpr std::size_t kSecondStep = 8;
+  const std::vector<KillPoint> points = crash::killPoints(reference, 1, programStep(reference, step, true), step);
+  long tried = 0;
+  long faults = 0;
   for (std::size_t at = 0; at < points.size(); at += kSecondStep) {
     // The next run has at least this much to do, whatever is left of its work.
-    crash::KillPoint second = points[at];
+    KillPoint second = points[at];
     second.number = (second.number + 1) / 2;
-    tryOne(reference, {points[at], second}, row);
-    ++row.secondKills;
+    const crash::Trial trial = crash::killAndRunAgain(reference, {points[at], second});
+    faults += static_cast<long>(trial.faults.size());
+    tell(mode, mode, crash::nameOf(points[at]) + " and " + crash::nameOf(second), trial.faults);
+    ++tried;
   }
-  return row;
+  std::printf("| %s | %ld | %ld |\n", crash::nameOf(mode).c_str(), tried, faults);
+  std::fflush(stdout);
+  return faults == 0;
+}
+
+bool runMeeting(const Meeting& meeting) {
+  long faults = 0;
+  long programs = 0;
+  for (const KillPoint& point : meeting.points) {
+    const std::vector<std::string> found = crash::startBesideHeldRun(meeting.held, meeting.started, point);
+    faults += static_cast<long>(found.size());
+    programs += point.at == KillPoint::At::kProgram ? 1 : 0;
+    tell(meeting.held, meeting.started, "held " + crash::nameOf(point), found);
+  }
+  std::printf("| %s | %s | %ld | %ld | %ld |\n", crash::nameOf(meeting.held).c_str(),
+              crash::nameOf(meeting.started).c_str(), programs, static_cast<long>(meeting.points.size()) - programs,
+              faults);
+  std::fflush(stdout);
+  return faults == 0;
+}
+
+// From how long the undisturbed runs take.
+double expectedSeconds(const std::vector<Cell>& cells, const std::vector<Meeting>& meetings,
+                       std::map<Mode, double>& seconds) {
+  constexpr double kWaitForTheLock = 1.5;
+  double sum = 0;
+  for (const Cell& cell : cells) {
+    sum +=
+        static_cast<double>(cell.points.size()) *
+        (seconds[cell.killed] + (cell.killed == cell.next ? 0 : seconds[cell.next] / 2 + seconds[Mode::kBackup] / 2));
+  }
+  for (const Meeting& meeting : meetings) {
+    sum += static_cast<double>(meeting.points.size()) * (seconds[meeting.held] + kWaitForTheLock);
+  }
+  return sum;
 }
 
 int runMatrix(long step) {
-  std::printf("| Mode | Programs | Statements | Kill points tried | Killed twice | Rows lost | Other faults |\n");
-  std::printf("| --- | --- | --- | --- | --- | --- | --- |\n");
+  std::map<Mode, double> seconds;
+  for (const Mode mode : crash::kEveryMode) {
+    seconds[mode] = secondsOf([mode] { crash::sharedReferenceOf(mode); });
+  }
+  const std::vector<Cell> cells = planCells(step);
+  const std::vector<Meeting> meetings = planMeetings(step);
+  constexpr double kMinute = 60;
+  std::printf("This takes about %.0f minutes.\n\n", 1 + expectedSeconds(cells, meetings, seconds) / kMinute);
+  std::printf(
+      "| Killed | Signal | To | Next run | Tried | Rows lost | Rows doubled | Wrong names | Other faults | "
+      "Caught in replacement | Links cut |\n| --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- |\n");
+  std::fflush(stdout);
   bool isClean = true;
-  for (const crash::Mode mode : crash::kModes) {
-    const crash::Reference reference = crash::undisturbedRun(mode);
-    const Row row = tryAll(reference, step);
-    std::printf("| %s | %ld | %ld | %ld at programs, %ld at statements | %ld | %ld | %ld |\n",
-                crash::nameOf(mode).c_str(), reference.programs, reference.statements, row.programPoints,
-                row.statementPoints, row.secondKills, row.rowsLost, row.otherFaults);
-    std::fflush(stdout);
-    isClean = isClean && row.rowsLost == 0 && row.otherFaults == 0;
+  for (const Cell& cell : cells) {
+    isClean = runCell(cell) && isClean;
+  }
+  std::printf("\n| Killed twice | Tried | Faults |\n| --- | --- | --- |\n");
+  for (const Mode mode : crash::kModes) {
+    isClean = killTwice(mode, step) && isClean;
+  }
+  std::printf(
+      "\n| Held | Started twice beside it | At programs | At statements | Faults |\n| --- | --- | --- | --- | --- |\n");
+  for (const Meeting& meeting : meetings) {
+    isClean = runMeeting(meeting) && isClean;
   }
   return isClean ? EXIT_SUCCESS : EXIT_FAILURE;
 }

@@ -1,5 +1,7 @@
 #include "faults/crash_matrix.h"
 
+#include "faults/company.h"
+#include "faults/next_run.h"
 #include "support/tool_test.h"
 
 namespace {
@@ -8,6 +10,9 @@ using appliance::Rows;
 using crash::KillPoint;
 using crash::Mode;
 using crash::testName;
+using When = KillPoint::When;
+
+constexpr When kInTurn[] = {When::kBefore, When::kWhile, When::kAfter};
 
 class KilledRun : public appliance::ToolTest, public ::testing::WithParamInterface<Mode> {
  protected:
@@ -30,7 +35,7 @@ TEST_P(KilledRun, LosesNothingAtItsPrograms) {
   }
   constexpr long kPoints = 6;
   for (long point = 0; point < kPoints; ++point) {
-    killAt({{KillPoint::At::kProgram, 1 + (programs - 1) * point / (kPoints - 1), point % 2 == 1, ""}});
+    killAt({{KillPoint::At::kProgram, 1 + (programs - 1) * point / (kPoints - 1), kInTurn[point % 3], ""}});
   }
 }
 
@@ -38,7 +43,8 @@ TEST_P(KilledRun, LosesNothingAtItsStatements) {
   const long statements = crash::referenceOf(GetParam()).statements;
   constexpr long kPoints = 4;
   for (long point = 0; point < kPoints; ++point) {
-    killAt({{KillPoint::At::kStatement, 1 + (statements - 1) * point / (kPoints - 1), point % 2 == 0, ""}});
+    killAt({{KillPoint::At::kStatement, 1 + (statements - 1) * point / (kPoints - 1),
+             point % 2 == 0 ? When::kAfter : When::kBefore, ""}});
   }
 }
 
@@ -46,8 +52,58 @@ TEST_P(KilledRun, LosesNothingWhenTheNextRunIsKilledToo) {
   const crash::Reference& reference = crash::referenceOf(GetParam());
   const auto at = GetParam() == Mode::kImport ? KillPoint::At::kStatement : KillPoint::At::kProgram;
   const long all = GetParam() == Mode::kImport ? reference.statements : reference.programs;
-  killAt({{at, all / 2, true, ""}, {at, all / 4, false, ""}});
-  killAt({{at, all * 3 / 4, false, ""}, {at, all / 2, true, ""}, {at, 1, true, ""}});
+  killAt({{at, all / 2, When::kAfter, ""}, {at, all / 4, When::kBefore, ""}});
+  killAt({{at, all * 3 / 4, When::kBefore, ""}, {at, all / 2, When::kAfter, ""}, {at, 1, When::kAfter, ""}});
+}
+
+class AnyModeAfterAKilledRun : public appliance::ToolTest, public ::testing::WithParamInterface<Mode> {};
+
+INSTANTIATE_TEST_SUITE_P(Modes, AnyModeAfterAKilledRun, ::testing::ValuesIn(crash::kEveryMode),
+                         [](const auto& mode) { return testName(mode.param); });
+
+TEST_P(AnyModeAfterAKilledRun, FindsEveryRowAndPutsEveryTableInItsPlace) {
+  const crash::Reference& reference = crash::sharedReferenceOf(GetParam());
+  constexpr long kParts = 6;
+  long part = 0;
+  for (const Mode next : crash::kEveryMode) {
+    ++part;
+    // An odd one, which is late.
+    KillPoint point = {KillPoint::At::kProgram, (reference.programs * part / kParts) | 1, When::kWhile, ""};
+    if (part % 2 == 0 || reference.programs == 0) {
+      point = {KillPoint::At::kStatement, reference.statements * part / kParts,
+               part % 4 == 0 ? When::kAfter : When::kBefore, ""};
+    }
+    point.signal = part == 2 || part == 5 ? SIGTERM : SIGKILL;
+    point.scope = part == 2 || part == 3 ? crash::Scope::kGroup : crash::Scope::kTool;
+    if (next == GetParam() && next != Mode::kExport) {
+      continue;
+    }
+    const crash::NextTrial trial = crash::killAndRunNext(GetParam(), next, point);
+    EXPECT_EQ(trial.rowsLost, 0) << crash::nameOf(point) << ", then " << crash::nameOf(next);
+    EXPECT_THAT(trial.faults, ::testing::IsEmpty()) << crash::nameOf(point) << ", then " << crash::nameOf(next);
+  }
+}
+
+class RunBesideAHeldOne : public appliance::ToolTest, public ::testing::WithParamInterface<Mode> {};
+
+INSTANTIATE_TEST_SUITE_P(Modes, RunBesideAHeldOne, ::testing::ValuesIn(crash::kEveryMode),
+                         [](const auto& mode) { return testName(mode.param); });
+
+TEST_P(RunBesideAHeldOne, IsTurnedAwayAndChangesNothing) {
+  const crash::Reference& reference = crash::sharedReferenceOf(GetParam());
+  constexpr std::size_t kModes = std::size(crash::kEveryMode);
+  const auto place = static_cast<std::size_t>(GetParam());
+  std::vector<KillPoint> points = {{KillPoint::At::kStatement, reference.statements / 2, When::kAfter, ""}};
+  if (reference.programs > 0) {
+    points.push_back({KillPoint::At::kProgram, (reference.programs + 1) / 2, When::kBefore, ""});
+  } else {
+    points.push_back({KillPoint::At::kStatement, reference.statements / 4 + 1, When::kBefore, ""});
+  }
+  for (std::size_t point = 0; point < points.size(); ++point) {
+    const Mode started = crash::kEveryMode[(place + 1 + 2 * point) % kModes];
+    EXPECT_THAT(crash::startBesideHeldRun(GetParam(), started, points[point]), ::testing::IsEmpty())
+        << crash::nameOf(started) << " " << crash::nameOf(points[point]);
+  }
 }
 
 class KilledSkipMode : public appliance::ToolTest {
@@ -66,7 +122,7 @@ class KilledSkipMode : public appliance::ToolTest {
   }
   void killAfterAndRunAgain(const std::string& statement) {
     crash::layOut(Mode::kRestoreSkip);
-    ASSERT_TRUE(crash::runAndKill(Mode::kRestoreSkip, {KillPoint::At::kStatement, 0, true, statement}));
+    ASSERT_TRUE(crash::runAndKill(Mode::kRestoreSkip, {KillPoint::At::kStatement, 0, When::kAfter, statement}));
     ASSERT_EQ(run(crash::commandLine(Mode::kRestoreSkip)).status, 0);
   }
   void runWithOverwriting() {
@@ -106,7 +162,7 @@ TEST_P(KilledHostAccount, WithAnotherNumberHereMayHoldARightTwice) {
   options.users = "1099 =\"editor\"\n";
   appliance::makeArchive(appliance::workDirectory(), "other", options);
   ASSERT_TRUE(crash::runAndKill(
-      GetParam(), {KillPoint::At::kStatement, 0, true, "Insert into photo_access_right_for_hox_account"}));
+      GetParam(), {KillPoint::At::kStatement, 0, When::kAfter, "Insert into photo_access_right_for_hox_account"}));
   ASSERT_EQ(run(crash::commandLine(GetParam())).status, 0);
   expectNoMessages();
   expectRows(live(),

@@ -13,8 +13,10 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <stdexcept>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 #include "support/appliance.h"
@@ -97,6 +99,17 @@ std::size_t wholeMessage(const std::string& text, bool typed) {
   }
   const std::size_t size = head + numberAt(text, head);
   return text.size() >= size ? size : 0;
+}
+
+// The tool's programs give the same application name as the tool.
+bool isTool(int client) {
+  ucred peer = {};
+  socklen_t size = sizeof peer;
+  if (getsockopt(client, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
+    return false;
+  }
+  std::error_code error;
+  return std::filesystem::read_symlink("/proc/" + std::to_string(peer.pid) + "/exe", error) == appliance::toolPath();
 }
 
 bool isOver(pid_t process) {
@@ -245,6 +258,7 @@ void StatementRelay::accept() {
   if (line.client < 0) {
     return;
   }
+  line.counted = isTool(line.client);
   line.server = makeSocket();
   const char* folder = getenv("PGHOST");
   const sockaddr_un address = addressOf(folder != nullptr ? folder : "/tmp");
@@ -278,9 +292,6 @@ bool StatementRelay::passStatements(Line& line) {
     const std::string message = line.fromClient.substr(0, size);
     if (!line.greeted) {
       line.greeted = true;
-      // The sessions of the programs carry the tool's name too, but only its own are without the planner's compiler.
-      constexpr std::string_view kTool("application_name\0kavophoto_backup", 33);
-      line.counted = message.find(kTool) != std::string::npos && message.find("-c jit=off") != std::string::npos;
     } else if (line.counted && (message[0] == 'P' || message[0] == 'Q')) {
       const bool due = isDue(message);
       if (due && hold_ == Hold::kBeforeStatement) {
