@@ -18,9 +18,17 @@ using std::chrono::seconds;
 // Any number will do as long as every version of the tool uses the same one: the bytes of "kavophot".
 constexpr long long kKey = 0x6b61766f70686f74;
 
-Connection& lockConnection() {
-  static Connection connection;
-  return connection;
+struct HeldLock {
+  Connection connection;
+  // The session that held it has ended, and another run may have worked since.
+  bool wasLost = false;
+  // Another run has it.
+  bool isTaken = false;
+};
+
+HeldLock& held() {
+  static HeldLock lock;
+  return lock;
 }
 
 // A server that comes up after this run failed to take the lock, or that another run uses by now, refuses sessions with
@@ -44,15 +52,16 @@ std::optional<bool> tryToLock(DBConnect_tag* connection) {
   return fieldText(answer, "locked") == "t";
 }
 
-// Connects and asks until the lock is given or the time is over. A failed statement is asked again as well: the run
-// that holds the lock may just be ending the sessions of others.
+// Connects and asks until the lock is given or the time is over.
 RunLock lock() {
   constexpr int kAttempts = 20;
   constexpr auto kPause = milliseconds(50);
-  Connection& connection = lockConnection();
+  Connection& connection = held().connection;
   for (int attempt = 1;; ++attempt) {
     if (!isAlive(connection.get())) {
-      connection = connectTo("photo");
+      // The sessions that an earlier run left are found by their name. A session that only asks for the lock has
+      // another one, so that the run that has just got it does not end it.
+      connection.reset(KAVODBConnectAs("kavophoto_backup lock", nullptr, "postgres", nullptr, "photo"));
     }
     if (!connection) {
       return RunLock::kNoServer;
@@ -112,6 +121,20 @@ bool endEarlierSessions(DBConnect_tag* connection) {
   }
 }
 
+// The lock belongs to the session: while that lives, it is held.
+bool isStillHeld() {
+  HeldLock& own = held();
+  if (isAlive(own.connection.get())) {
+    return true;
+  }
+  if (own.connection && !own.wasLost) {
+    own.wasLost = true;
+    KAVO_LOG("The lock of this run was lost with its connection. It only renames tables back from now on.");
+  }
+  own.connection.reset();
+  return false;
+}
+
 }  // namespace
 
 RunLock takeRunLock() {
@@ -119,31 +142,32 @@ RunLock takeRunLock() {
   if (taken == RunLock::kNoServer) {
     refuseFurtherSessions();
   }
-  if (taken != RunLock::kHeld || endEarlierSessions(lockConnection().get())) {
+  if (taken != RunLock::kHeld || endEarlierSessions(held().connection.get())) {
     return taken;
   }
   releaseRunLock();
   return RunLock::kHeldByAnother;
 }
 
-bool keepRunLock() {
-  static bool isLost = false;
-  // The lock belongs to the session: while that lives, it is held.
-  if (isLost || isAlive(lockConnection().get())) {
-    return !isLost;
+bool keepRunLock() { return (isStillHeld() || (!held().wasLost && lock() == RunLock::kHeld)) && !held().wasLost; }
+
+bool keepRunLockToUndo() {
+  HeldLock& own = held();
+  if (isStillHeld()) {
+    return true;
+  }
+  if (own.isTaken) {
+    return false;
   }
   const RunLock taken = lock();
   if (taken == RunLock::kHeldByAnother) {
-    isLost = true;
+    own.isTaken = true;
     refuseFurtherSessions();
-    KAVO_LOG(
-        "The lock of this run was lost with its connection, and another run has it now. This run changes nothing more "
-        "in "
-        "the database.");
+    KAVO_LOG("Another run has the lock now, and puts right what this one left.");
   }
   return taken == RunLock::kHeld;
 }
 
-DBConnect_tag* runLockConnection() { return lockConnection().get(); }
+DBConnect_tag* runLockConnection() { return held().connection.get(); }
 
-void releaseRunLock() { lockConnection().reset(); }
+void releaseRunLock() { held() = HeldLock(); }

@@ -22,10 +22,14 @@ enum class RunLock {
 // Logged are a failed statement, and sessions that do not end within half a minute.
 RunLock takeRunLock();
 
-// True when this process holds the lock; takes it (again) when it does not and nobody else holds it, which is so when
-// the server was restarted during the run. To be called before anything is renamed, dropped or loaded. A lock that
-// another run has taken meanwhile is logged, once; this process then cannot open a session any more.
+// True when this process has held the lock since it first took it, which it does now when it has not yet. To be called
+// before anything is staged, dropped or loaded: another run may have worked in between otherwise. That the lock was
+// lost is logged, once.
 bool keepRunLock();
+
+// The same, but a lock that was lost may also be taken again when nobody else holds it. That is enough to undo what
+// this run has done: a table is renamed back only where its own name is free.
+bool keepRunLockToUndo();
 
 // The connection that the lock is held on, for reading; null when it is not held.
 DBConnect_tag* runLockConnection();

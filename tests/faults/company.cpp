@@ -153,11 +153,14 @@ std::vector<KillPoint> holdPoints(const Reference& reference, long first, long p
     points.push_back({KillPoint::At::kProgram, number, KillPoint::When::kBefore, ""});
   }
   for (long number = first; number <= reference.statements; number += step) {
-    // The first statement takes the lock.
-    if (number > 1) {
+    // The first statement settles the session, and the second one takes the lock.
+    constexpr long kLockStatement = 2;
+    if (number > kLockStatement) {
       points.push_back({KillPoint::At::kStatement, number, KillPoint::When::kBefore, ""});
     }
-    points.push_back({KillPoint::At::kStatement, number, KillPoint::When::kAfter, ""});
+    if (number >= kLockStatement) {
+      points.push_back({KillPoint::At::kStatement, number, KillPoint::When::kAfter, ""});
+    }
   }
   return points;
 }

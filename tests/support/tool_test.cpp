@@ -1,10 +1,14 @@
 #include "support/tool_test.h"
 
+#include "platform/run_lock.h"
+
 namespace appliance {
 
 void ToolTest::SetUp() {
   live_.reset();
   other_.reset();
+  // The database that a test took the lock in goes.
+  releaseRunLock();
   reset();
 }
 
