@@ -3,10 +3,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <ctime>
 #include <optional>
 #include <string_view>
+#include <vector>
 
 #include "backup/archive_check.h"
 #include "backup/backup_time.h"
@@ -41,13 +43,18 @@ bool canStage(std::span<const char* const> tables) {
   return !hasServer;
 }
 
-void stageTables(std::span<const char* const> tables) {
+// The names of the tables that were renamed.
+std::vector<std::string_view> stageTables(std::span<const char* const> tables) {
   progressPhase("staging");
+  std::vector<std::string_view> staged;
   std::size_t place = 0;
   for (const char* table : tables) {
     progressTable(table, ++place, tables.size());
-    KavophotoTableRename(table);
+    if (stageTable(table)) {
+      staged.emplace_back(table);
+    }
   }
+  return staged;
 }
 
 bool dumpStagedTables(const std::string& dir, std::span<const char* const> tables) {
@@ -66,17 +73,23 @@ bool dumpStagedTables(const std::string& dir, std::span<const char* const> table
 
 // pg_dump succeeds when it finds one of the tables. It leaves out one that could not be renamed, and the rows of one
 // that is divided into partitions.
-void reportWhatTheDumpLacks(const std::string& dir, std::span<const char* const> tables) {
+void reportWhatTheDumpLacks(const std::string& dir, std::span<const char* const> tables,
+                            const std::vector<std::string_view>& staged) {
   const std::optional<std::string> listing = listDump(dir);
   if (!listing) {
     return;
   }
   for (const char* table : tables) {
-    if (listing->find(formatText(" TABLE public %s_bak ", table)) == std::string::npos) {
+    // What has the staged name of a table that was not renamed is not that table.
+    if (std::find(staged.begin(), staged.end(), table) == staged.end() ||
+        listing->find(formatText(" TABLE public %s_bak ", table)) == std::string::npos) {
       KAVO_LOG("The archive does not hold table %s.", table);
     } else if (listing->find(formatText(" TABLE DATA public %s_bak ", table)) == std::string::npos) {
       KAVO_LOG("The archive does not hold the rows of table %s, only its columns.", table);
     }
+  }
+  if (const Connection connection = connectTo("photo")) {
+    logTablesWithChildren(connection.get(), tables);
   }
 }
 
@@ -176,7 +189,8 @@ bool packMembers(const std::string& dir) {
   return true;
 }
 
-int makeArchive(const std::string& dir, std::span<const char* const> tables) {
+int makeArchive(const std::string& dir, std::span<const char* const> tables,
+                const std::vector<std::string_view>& staged) {
   std::array<char, kPathCapacity> start = {};
   if (getcwd(start.data(), start.size()) == nullptr) {
     KAVO_LOG("KavophotoDumpDB failed to getcwd, backup process is terminated");
@@ -185,7 +199,7 @@ int makeArchive(const std::string& dir, std::span<const char* const> tables) {
   if (!dumpStagedTables(dir, tables)) {
     return -1;
   }
-  reportWhatTheDumpLacks(dir, tables);
+  reportWhatTheDumpLacks(dir, tables, staged);
   const bool made = writeBackupTime(dir) && writeHostAccounts(dir) && copyThemes(dir) && copySettings(dir) &&
                     changeDirectory(dir.c_str()) && packMembers(dir) && changeDirectory(start.data());
   return made ? 0 : -1;
@@ -235,8 +249,8 @@ int KavophotoDumpDB(const char* dir, std::span<const char* const> tables) {
   if (!canStage(tables)) {
     return -1;
   }
-  stageTables(tables);
-  const int result = makeArchive(dir, tables);
+  const std::vector<std::string_view> staged = stageTables(tables);
+  const int result = makeArchive(dir, tables, staged);
   unstageTables(tables);
   removeMembers(dir);
   return result;

@@ -140,6 +140,9 @@ int run(int count, char** arguments) {
   KAVODBSpillDirectorySet(options.path.c_str());
   // An earlier run that was killed may have left the only copy of live rows under their staged names.
   recoverStagedTables(kTableList);
+  if (options.mode == Mode::kImport || options.mode == Mode::kExport) {
+    reportForeignTables(kTableList);
+  }
   return runMode(options);
 }
 

@@ -4,10 +4,12 @@
 
 #include <array>
 #include <cstdlib>
+#include <optional>
 #include <string>
 
 #include "backup/archive.h"
 #include "backup/host_accounts.h"
+#include "platform/file_update.h"
 #include "platform/files.h"
 #include "platform/key_value_file.h"
 #include "platform/log.h"
@@ -63,12 +65,26 @@ bool runLoad(const std::string& dir) {
   return keepRunLock() && load.run(true, false) >= 0;
 }
 
+// An archive that another program made may hold tables under their live names.
+bool holdsCopiesOnly(const std::string& dir) {
+  std::string entries;
+  if (!readWholeFile(joinPath(dir, "toc_file"), entries)) {
+    KAVO_LOG("Failed to open file: %s.\n", joinPath(dir, "toc_file").c_str());
+    return false;
+  }
+  const std::optional<std::string> foreign = foreignRows(entries);
+  if (foreign) {
+    KAVO_LOG("The dump holds rows of a table that no backup saves (%s), nothing is loaded.", foreign->c_str());
+  }
+  return !foreign;
+}
+
 // Loads only where every staged name is free: the load adds rows to a table that has such a name already. The copies
 // are noted whether or not the load succeeded, so that they can be dropped.
 bool loadStagedTables(DBConnect_tag* connection, const std::string& dir, const RestoreTables& tables) {
   progressPhase("loading");
   bool isLoaded = false;
-  if (freeStagedNames(connection, tables.tables) && noteStagingBegins(connection)) {
+  if (holdsCopiesOnly(dir) && freeStagedNames(connection, tables.tables) && noteStagingBegins(connection)) {
     isLoaded = runLoad(dir);
     noteStagedTables(connection, tables.tables);
   }

@@ -30,7 +30,7 @@ bool hasTable(DBConnect_tag* connection, const std::string& name) {
 }
 
 bool rename(const std::string& statement, const std::string& newName) {
-  return keepRunLock() && statementRunner(statement).run(true, false) >= 0 && hasTable(runLockConnection(), newName);
+  return statementRunner(statement).run(true, false) >= 0 && hasTable(runLockConnection(), newName);
 }
 
 bool contains(const std::vector<std::string>& names, const std::string& name) {
@@ -152,18 +152,29 @@ void logWithoutLiveTable(const char* table) {
       table, table, table);
 }
 
+// Nothing when it cannot be asked, which is logged.
+std::optional<bool> isRestoresCopy(DBConnect_tag* connection, const char* table) {
+  Result copies;
+  if (!execute(connection, formatText(kIsRestoresCopy, table, table), copies)) {
+    return std::nullopt;
+  }
+  return hasRows(copies);
+}
+
 // The one place where the tool drops a table. Nothing is dropped but a copy that a restore made of a live table that
-// still exists. The lock keeps the live table from being dropped or renamed until the copy is gone; it is taken before
+// still exists. The locks keep both from being dropped or renamed until the copy is gone, so they are taken before
 // anything is looked at.
 void dropStagedTable(DBConnect_tag* connection, const char* table) {
   Transaction transaction(connection);
-  Result isRestoresCopy;
   if (!transaction.isOpen() || !execute(connection, formatText("LOCK TABLE %s IN ACCESS SHARE MODE", table)) ||
-      !execute(connection, formatText(kIsRestoresCopy, table, table), isRestoresCopy)) {
+      !execute(connection, formatText("LOCK TABLE %s_bak IN ACCESS EXCLUSIVE MODE", table))) {
     return;
   }
-  if (!hasRows(isRestoresCopy)) {
-    logLeftAlone(table);
+  const std::optional<bool> isCopy = isRestoresCopy(connection, table);
+  if (!isCopy.value_or(false)) {
+    if (isCopy) {
+      logLeftAlone(table);
+    }
     return;
   }
   const std::string statement = formatText("DROP TABLE %s_bak", table);
@@ -184,10 +195,17 @@ int KavophotoTableRename(const char* table) {
     KAVO_LOG("KavophotoTableRename: bad parameters.\n");
     return -1;
   }
-  if (!rename(formatText("ALTER TABLE %s RENAME TO %s_bak;", table, table), formatText("%s_bak", table))) {
-    KAVO_LOG("KavophotoTableRename: Fail to rename table %s\n", table);
-  }
+  stageTable(table);
   return 0;
+}
+
+bool stageTable(const char* table) {
+  if (!keepRunLock() ||
+      !rename(formatText("ALTER TABLE %s RENAME TO %s_bak;", table, table), formatText("%s_bak", table))) {
+    KAVO_LOG("KavophotoTableRename: Fail to rename table %s\n", table);
+    return false;
+  }
+  return true;
 }
 
 int KavophotoTableRenameBack(const std::string& table) {
@@ -195,7 +213,8 @@ int KavophotoTableRenameBack(const std::string& table) {
     KAVO_LOG("KavophotoTableRename: bad parameters.\n");
     return -1;
   }
-  if (!rename(formatText("ALTER TABLE %s_bak RENAME TO %s;", table.c_str(), table.c_str()), table)) {
+  if (!keepRunLockToUndo() ||
+      !rename(formatText("ALTER TABLE %s_bak RENAME TO %s;", table.c_str(), table.c_str()), table)) {
     KAVO_LOG("KavophotoTableRenameBack: Fail to rename back table %s\n", table.c_str());
   }
   return 0;
@@ -204,7 +223,7 @@ int KavophotoTableRenameBack(const std::string& table) {
 int addDBPrimaryKey(const char* table, const char* keyColumn) {
   KAVOUtils::ProcessRunner runner =
       statementRunner(formatText("ALTER TABLE %s ADD CONSTRAINT %s_pkey PRIMARY KEY (%s)", table, table, keyColumn));
-  if (runner.run(true, false) < 0) {
+  if (!keepRunLock() || runner.run(true, false) < 0) {
     KAVO_LOG("addDBPrimaryKey failed (%s).", runner.toString().c_str());
     return 1;
   }
@@ -231,17 +250,51 @@ int dropStagedTables(DBConnect_tag* connection, std::span<const char* const> tab
   if (!live || !keepRunLock()) {
     return -1;
   }
+  // Others cannot be locked, and are never copied by a restore.
+  const auto lockable = namesOfKind(connection, tables, "", "'r', 'p', 'v'");
   for (const char* table : tables) {
     if (!contains(*staged, formatText("%s_bak", table))) {
       continue;
     }
-    if (contains(*live, table)) {
-      dropStagedTable(connection, table);
-    } else {
+    if (!contains(*live, table)) {
       logWithoutLiveTable(table);
+    } else if (lockable && !contains(*lockable, table)) {
+      logLeftAlone(table);
+    } else {
+      dropStagedTable(connection, table);
     }
   }
   return 0;
+}
+
+void reportForeignTables(std::span<const char* const> tables) {
+  const Connection connection = connectTo("photo");
+  if (!connection) {
+    return;
+  }
+  const auto staged = stagedTables(connection.get(), tables);
+  const auto live = staged && !staged->empty() ? namesOfKind(connection.get(), tables, "", kAnyKind) : std::nullopt;
+  for (const char* table : tables) {
+    if (live && contains(*staged, formatText("%s_bak", table)) && contains(*live, table) &&
+        !isRestoresCopy(connection.get(), table).value_or(true)) {
+      logLeftAlone(table);
+    }
+  }
+}
+
+void logTablesWithChildren(DBConnect_tag* connection, std::span<const char* const> tables) {
+  const auto parents =
+      listNames(connection,
+                formatText("SELECT DISTINCT parent.relname FROM pg_class parent JOIN pg_inherits ON inhparent = "
+                           "parent.oid WHERE parent.relnamespace = 'public'::regnamespace and parent.relkind = 'r' and "
+                           "parent.relname in (%s)",
+                           quotedNames(tables, "_bak").c_str()),
+                "relname");
+  for (const char* table : tables) {
+    if (parents && contains(*parents, formatText("%s_bak", table))) {
+      KAVO_LOG("The archive does not hold the rows of the tables that inherit from table %s.", table);
+    }
+  }
 }
 
 bool freeStagedNames(DBConnect_tag* connection, std::span<const char* const> tables) {

@@ -20,12 +20,22 @@
 int KavophotoTableRename(const char* table);
 int KavophotoTableRenameBack(const std::string& table);
 
+// The same as KavophotoTableRename, for callers that need to know whether the table was renamed.
+bool stageTable(const char* table);
+
 // Gives `table` (a staged name) a primary key on `keyColumn`. 0, or 1 when that failed, which is logged.
 int addDBPrimaryKey(const char* table, const char* keyColumn);
 
 // Renames every staged table whose live table does not exist back to its live name: a backup that was killed leaves
 // them. Silent when the server cannot be reached; the mode that runs next logs that.
 void recoverStagedTables(std::span<const char* const> tables);
+
+// Logs each table with a staged name that is neither a copy that a restore made nor the only table of its live name:
+// the application may work on an empty table while its rows are there. For the modes that stage nothing themselves.
+void reportForeignTables(std::span<const char* const> tables);
+
+// Logs each staged table that other tables inherit from: their rows are not dumped with it.
+void logTablesWithChildren(DBConnect_tag* connection, std::span<const char* const> tables);
 
 // Drops the copies of `tables` that a restore made, as far as they exist. 0, also when staged tables remain, each of
 // which is logged with what to do; -1 when the staged tables cannot be listed, which is logged.

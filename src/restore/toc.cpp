@@ -38,6 +38,25 @@ std::string tableEntries(std::string_view listing) {
   return entries;
 }
 
+std::optional<std::string> foreignRows(std::string_view listing) {
+  constexpr std::string_view kRows = " TABLE DATA ";
+  constexpr std::string_view kSchema = "public ";
+  while (!listing.empty()) {
+    const std::string_view line = listing.substr(0, listing.find('\n'));
+    listing.remove_prefix(std::min(line.size() + 1, listing.size()));
+    const std::size_t at = line.find(kRows);
+    if (line.empty() || line.front() == ';' || at == std::string_view::npos) {
+      continue;
+    }
+    const std::string_view named = line.substr(at + kRows.size());
+    const std::string_view table = named.substr(std::min(kSchema.size(), named.size()));
+    if (!named.starts_with(kSchema) || !table.substr(0, table.find(' ')).ends_with("_bak")) {
+      return std::string(named);
+    }
+  }
+  return std::nullopt;
+}
+
 std::optional<std::string> listDump(const std::string& dir) {
   KAVOUtils::ProcessRunner list("/usr/bin/pg_restore", "/usr/bin/pg_restore", "-U", "postgres", "-l",
                                 joinPath(dir, "kavophoto_backup.dump").c_str());

@@ -610,4 +610,23 @@ TEST_F(ArchiveTest, PipeAmongTheThemesIsLeftOut) {
   EXPECT_EQ(listArchive(workDirectory() + "kavophoto.backup"), membersWith({"style.css"}));
 }
 
+// Somebody makes a table of that name while the backup stages its own.
+TEST_F(ArchiveTest, ForeignTableUnderAStagedNameIsNotTakenForTheLiveOne) {
+  replaceProgram(
+      "/usr/bin/psql",
+      R"(case "$5" in *" photo_config RENAME"*) "$REAL" photo -U postgres -qc "CREATE TABLE photo_config_bak )"
+      R"(AS SELECT 1 AS id";; esac; exec "$REAL" "$@")");
+  backUpWith({"KavophotoTableRename: Fail to rename table photo_config\n",
+              "The archive does not hold table photo_config.",
+              "KavophotoTableRenameBack: Fail to rename back table photo_config\n"});
+  EXPECT_EQ(live().count("photo_config_bak"), 1);
+}
+
+TEST_F(ArchiveTest, RowsOfInheritingTablesAreSaidToBeMissing) {
+  live().exec(
+      "CREATE TABLE old_log () INHERITS (photo_log); INSERT INTO old_log VALUES (1, '2011-01-01', 'l', true, 'u')");
+  backUpWith({"The archive does not hold the rows of the tables that inherit from table photo_log."});
+  EXPECT_EQ(live().count("photo_log"), 1);
+}
+
 }  // namespace

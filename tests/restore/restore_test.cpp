@@ -633,4 +633,23 @@ TEST_F(RestoreTest, PipeAmongTheSavedThemesIsLeftOut) {
   EXPECT_FALSE(exists("/var/packages/Lumora/etc/blog/pipe"));
 }
 
+// A dump of another program's making.
+TEST_F(RestoreTest, ArchiveOfTablesUnderTheirLiveNamesIsNotLoaded) {
+  live().exec("INSERT INTO photo_config VALUES ('m', 'k', 'live')");
+  other().exec("INSERT INTO photo_config VALUES ('m', 'k', 'saved')");
+  unpackedArchive();
+  appliance::RunOptions options;
+  options.program = "/usr/bin/pg_dump";
+  EXPECT_EQ(
+      appliance::runTool({"-U", "postgres", "-F", "c", "-f", "/tmp/members/kavophoto_backup.dump", "other"}, options)
+          .status,
+      0);
+  packMembers({"kavophoto_backup.dump", "kavophoto_backup_time.txt", "kavophoto_backup_hox_account.txt",
+               "kavophoto_backup_hox_group_account.txt", "theme_bak", "settings.conf.bak"});
+  const auto before = appliance::contents("photo");
+  restore(255, {"The dump holds rows of a table that no backup saves (public category postgres), nothing is loaded.",
+                "KavophotoRestoreDB failed when restore dump file.\n", kCannot});
+  EXPECT_EQ(appliance::contents("photo"), before);
+}
+
 }  // namespace

@@ -1,5 +1,7 @@
 #include "restore/staging.h"
 
+#include <unistd.h>
+
 #include "main/registry.h"
 #include "platform/query.h"
 #include "support/filled_tables.h"
@@ -279,6 +281,62 @@ TEST_F(StagingTest, RecoveryIsSilentWithoutAServer) {
   appliance::server::stop();
   recoverStagedTables(kTableList);
   expectNoMessages();
+}
+
+// The name is another table's when the lock is given at last.
+TEST_F(StagingTest, TableThatGetsTheNameOfACopyMeanwhileIsNotDropped) {
+  stageAsRestore({"photo_config"});
+  noteAsLoaded();
+  live().exec("CREATE TABLE precious AS SELECT 1 AS id; BEGIN; LOCK TABLE photo_config_bak");
+  const pid_t tool = appliance::startTool({"-b", appliance::workDirectory()});
+  appliance::Database observer("photo");
+  while (observer.value("SELECT count(*) FROM pg_locks WHERE NOT granted") != "1") {
+    usleep(5000);
+  }
+  live().exec(
+      "ALTER TABLE photo_config_bak RENAME TO photo_config_old; ALTER TABLE precious RENAME TO photo_config_bak; "
+      "COMMIT");
+  EXPECT_EQ(appliance::waitTool(tool).status, 0);
+  expectMessages({leftAlone("photo_config")});
+  EXPECT_EQ(live().value("SELECT id FROM photo_config_bak"), "1");
+}
+
+TEST_F(StagingTest, CopyBesideALiveTableThatCannotBeLockedIsLeftAlone) {
+  live().exec("DROP TABLE photo_log; CREATE SEQUENCE photo_log");
+  stageAsRestore({"photo_log"});
+  EXPECT_EQ(drop(), 0);
+  expectMessages({leftAlone("photo_log")});
+}
+
+TEST_F(StagingTest, ForeignTablesAreReportedAndCopiesOfARestoreAreNot) {
+  stageAsRestore({"photo_share"});
+  noteAsLoaded();
+  stage("category");
+  live().exec("ALTER TABLE photo_user RENAME TO photo_user_bak");
+  reportForeignTables(kTableList);
+  expectMessages({leftAlone("category")});
+}
+
+class OnlyCopyBesideAnEmptyTable : public StagingTest {
+ protected:
+  void SetUp() override {
+    StagingTest::SetUp();
+    live().exec(
+        "INSERT INTO photo_config VALUES ('m', 'k', 'precious'); ALTER TABLE photo_config RENAME TO photo_config_bak;"
+        "CREATE TABLE photo_config (LIKE photo_config_bak)");
+  }
+};
+
+TEST_F(OnlyCopyBesideAnEmptyTable, IsReportedByAnImport) {
+  other();
+  appliance::writeAccountFiles(appliance::workDirectory(), "other");
+  EXPECT_EQ(run({"-i", appliance::workDirectory(), "-d", "other"}).status, 0);
+  expectMessages({leftAlone("photo_config")});
+}
+
+TEST_F(OnlyCopyBesideAnEmptyTable, IsReportedByAnExport) {
+  EXPECT_EQ(run({"-e", appliance::workDirectory()}).status, 0);
+  expectMessages({leftAlone("photo_config")});
 }
 
 }  // namespace

@@ -112,4 +112,19 @@ TEST_F(TocTest, RemovesATemporaryList) {
   EXPECT_FALSE(exists("/tmp/backup/toc_file.tmp"));
 }
 
+TEST(ForeignRows, AreThoseOfAnyTableThatIsNoStagedCopy) {
+  const std::string copies =
+      "; TABLE DATA public of a comment\n"
+      "215; 1259 16412 TABLE public photo_label_bak postgres\n"
+      "216; 1259 16413 TABLE public anything postgres\n"
+      "3312; 0 16412 TABLE DATA public photo_label_bak postgres\n"
+      "3313; 0 16413 TABLE DATA public photo_image_bak some body\n";
+  EXPECT_EQ(foreignRows(copies), std::nullopt);
+  EXPECT_EQ(foreignRows(""), std::nullopt);
+  EXPECT_EQ(foreignRows(copies + "3314; 0 16414 TABLE DATA public photo_label postgres"),
+            "public photo_label postgres");
+  EXPECT_EQ(foreignRows(copies + "3314; 0 16414 TABLE DATA other photo_label_bak postgres\n"),
+            "other photo_label_bak postgres");
+}
+
 }  // namespace
