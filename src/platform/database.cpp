@@ -278,6 +278,11 @@ char* allocated(const std::string& text) { return strdup(text.c_str()); }
 }  // namespace
 
 DBConnect_tag* KAVODBConnect(const char* host, const char* user, const char* password, const char* database) {
+  return KAVODBConnectAs("kavophoto_backup", host, user, password, database);
+}
+
+DBConnect_tag* KAVODBConnectAs(const char* applicationName, const char* host, const char* user, const char* password,
+                               const char* database) {
   // For an empty name libpq would take the user's name instead.
   if (database == nullptr || *database == '\0') {
     return nullptr;
@@ -287,7 +292,7 @@ DBConnect_tag* KAVODBConnect(const char* host, const char* user, const char* pas
   // connection string.
   const char* const keywords[] = {"host",    "user", "password", "dbname", "client_encoding", "application_name",
                                   "options", nullptr};
-  const char* const values[] = {host, user, password, database, "UTF8", "kavophoto_backup", options.c_str(), nullptr};
+  const char* const values[] = {host, user, password, database, "UTF8", applicationName, options.c_str(), nullptr};
   auto connection = std::make_unique<DBConnect_tag>();
   connection->connection = PQconnectdbParams(keywords, values, 0);
   if (PQstatus(connection->connection) != CONNECTION_OK || !settleSession(connection->connection)) {

@@ -15,8 +15,12 @@ struct DBRow_tag;
 // is logged here.
 DBConnect_tag* KAVODBConnect(const char* host, const char* user, const char* password, const char* database);
 
-// The same, but the connection is kept and handed out again for the same database while it is usable. The caller never
-// closes it; it is closed when the process exits.
+// The same under another name than "kavophoto_backup" for the server's list of sessions (application_name).
+DBConnect_tag* KAVODBConnectAs(const char* applicationName, const char* host, const char* user, const char* password,
+                               const char* database);
+
+// The same as KAVODBConnect, but the connection is kept and handed out again for the same database while it is usable.
+// The caller never closes it; it is closed when the process exits.
 DBConnect_tag* KAVODBPConnect(const char* host, const char* user, const char* password, const char* database);
 
 // The version of the server that this process has last connected to, as PQserverVersion gives it; 0 before that.

@@ -134,6 +134,14 @@ TEST_F(DatabaseAccess, MergesDatesWhateverStyleTheEnvironmentAsksFor) {
   }
 }
 
+TEST_F(DatabaseAccess, ShowsTheNameOfASessionToTheServer) {
+  const Variable given("PGAPPNAME", "something");
+  const Connection connection(KAVODBConnectAs("another name", nullptr, "postgres", nullptr, "photo"));
+  ASSERT_TRUE(connection);
+  EXPECT_EQ(setting(connection.get(), "application_name"), "another name");
+  EXPECT_EQ(setting(connection.get(), "synchronous_commit"), "off");
+}
+
 TEST_F(DatabaseAccess, GoesToTheServerOfTheEnvironment) {
   const char* const host = getenv("PGHOST");
   const std::string right = host != nullptr ? host : "";
