@@ -31,8 +31,8 @@ constexpr std::array kChildVariables = {
     // With "\set AUTOCOMMIT off" in the user's own ~/.psqlrc every rename would be rolled back when psql ends.
     Variable{"PSQLRC", "/dev/null"},
     // The archive's format, compression and members are the tool's to choose. With POSIXLY_CORRECT tar takes the "-C"
-    // that follows the members for a member too.
-    Variable{"TAR_OPTIONS", nullptr},
+    // that follows the members for a member too. By default tar reads "\t" in the directory's name as a tab.
+    Variable{"TAR_OPTIONS", "--no-unquote"},
     Variable{"TAPE", nullptr},
     Variable{"GZIP", nullptr},
     Variable{"POSIXLY_CORRECT", nullptr},

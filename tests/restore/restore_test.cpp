@@ -633,4 +633,19 @@ TEST_F(RestoreTest, PipeAmongTheSavedThemesIsLeftOut) {
   EXPECT_FALSE(exists("/var/packages/Lumora/etc/blog/pipe"));
 }
 
+TEST_F(RestoreTest, UnpacksIntoADirectoryWhoseNameHoldsABackslash) {
+  const std::string directory = "/tmp/x\\ty/";
+  const std::string another = "/tmp/x\ty/settings.conf.bak";
+  appliance::makeDirectories(directory);
+  writeFile(another, "kept");
+  live().exec("INSERT INTO photo_config VALUES ('m', 'k', 'v')");
+  EXPECT_EQ(run({"-b", directory}).status, 0);
+  expectNoMessages();
+  live().exec("TRUNCATE photo_config");
+  EXPECT_EQ(run({"-r", directory}).status, 0);
+  expectNoMessages();
+  expectRows(live(), "SELECT config_value FROM photo_config", {{"v"}});
+  EXPECT_EQ(readFile(another), "kept");
+}
+
 }  // namespace
