@@ -173,9 +173,13 @@ int ProcessRunner::run(bool /*wait*/, bool captureOutput) {
     writeEnd.reset(ends[1]);
   }
 
-  std::vector<std::string> variables = childEnvironment();
+  std::vector<std::string> variables;
+  if (!callersEnvironment_) {
+    variables = childEnvironment();
+  }
   const std::vector<char*> arguments = pointersTo(arguments_);
-  const std::vector<char*> environment = pointersTo(variables);
+  const std::vector<char*> changed = pointersTo(variables);
+  char* const* const environment = callersEnvironment_ ? environ : changed.data();
   const pid_t parent = getpid();
   const pid_t child = fork();
   if (child < 0) {

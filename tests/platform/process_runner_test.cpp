@@ -369,6 +369,20 @@ TEST_F(Runner, GivesItsDatabaseSessionsTheToolsName) {
   expectRows(live(), "SELECT name FROM seen", {{"kavophoto_backup"}});
 }
 
+TEST_F(Runner, GivesAProgramOfAnotherPartyTheCallersEnvironment) {
+  const std::vector<const char*> names = {"PGAPPNAME", "PGOPTIONS", "PGSERVICE", "PGTZ", "TAR_OPTIONS"};
+  for (const char* name : names) {
+    setenv(name, "theirs", 1);
+  }
+  const char* program = script("echo $PGAPPNAME $PGOPTIONS $PGSERVICE $PGTZ $TAR_OPTIONS ${PSQLRC-none}");
+  ProcessRunner runner(program, program);
+  runner.useCallersEnvironment();
+  EXPECT_EQ(outputOf(runner), "theirs theirs theirs theirs theirs none\n");
+  for (const char* name : names) {
+    unsetenv(name);
+  }
+}
+
 TEST_F(Runner, PacksAWholeArchiveWhateverTarIsAskedFor) {
   appliance::writeFile("/var/packages/Lumora/etc/blog/gr\u00fcn.css", "green");
   for (const char* variable : {"TAR_OPTIONS=--format=pax", "GZIP=--recursive", "POSIXLY_CORRECT=1"}) {

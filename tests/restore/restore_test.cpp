@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <filesystem>
+#include <thread>
 
 #include "main/path_check.h"
 #include "main/registry.h"
@@ -631,6 +633,35 @@ TEST_F(RestoreTest, PipeAmongTheSavedThemesIsLeftOut) {
   restore(0, {"KavophotoRestoreTheme: failed to copy pipe.\n"});
   EXPECT_EQ(readFile("/var/packages/Lumora/etc/blog/style.css"), "body {}");
   EXPECT_FALSE(exists("/var/packages/Lumora/etc/blog/pipe"));
+}
+
+template <typename Condition>
+void waitUntil(const Condition& isMet) {
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (!isMet() && std::chrono::steady_clock::now() < limit) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+}
+
+TEST_F(RestoreTest, LeavesTheSessionsOfTheConversionScriptToTheScript) {
+  ArchiveOptions old;
+  old.build = "1000";
+  archiveOfOther(old);
+  writeFile(kScript,
+            "#!/bin/sh\n"
+            "(/usr/bin/psql photo -U postgres -c 'SELECT pg_advisory_lock(42)'; echo $? > /tmp/ended;"
+            " mv /tmp/ended /tmp/status) < /dev/null > /dev/null 2>&1 &\n",
+            0755);
+  const std::string waits = "SELECT count(*) FROM pg_stat_activity WHERE wait_event = 'advisory'";
+  live().exec("SELECT pg_advisory_lock(42)");
+  restore(0, {});
+  waitUntil([&] { return live().value(waits) == "1"; });
+  EXPECT_EQ(run({"-b", workDirectory()}).status, 0);
+  expectNoMessages();
+  EXPECT_EQ(live().value(waits), "1");
+  live().exec("SELECT pg_advisory_unlock(42)");
+  waitUntil([] { return exists("/tmp/status"); });
+  EXPECT_EQ(readFile("/tmp/status"), "0\n");
 }
 
 TEST_F(RestoreTest, UnpacksIntoADirectoryWhoseNameHoldsABackslash) {
