@@ -25,7 +25,7 @@ class ProcessRunner {
   // Starts the program and waits for its end. The child is killed when the calling thread ends before it. It reads
   // /dev/null, writes to this process's standard error, and its standard output is captured or discarded. Its
   // environment is this process's without what would change how the database clients and tar work (unless
-  // useCallersEnvironment was called). 0 when it
+  // useCallersEnvironment was called); of a libpq service (PGSERVICE) it gets what lastServerVariables gives. 0 when it
   // ended with status 0; negative when it could not be started, its output could not be read, or it ended with another
   // status or by a signal. Nothing is logged. `wait` is always true: there is no running in the background.
   int run(bool wait, bool captureOutput);
