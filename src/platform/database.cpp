@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/awake.h"
@@ -49,6 +50,16 @@ constexpr std::string_view kPlaceholder = "@KAVO:VAR";
 
 int gServerVersion = 0;
 
+std::vector<std::string>& serverVariables() {
+  static std::vector<std::string> variables;
+  return variables;
+}
+
+struct ConninfoFreer {
+  void operator()(PQconninfoOption* options) const { PQconninfoFree(options); }
+};
+using Conninfo = std::unique_ptr<PQconninfoOption, ConninfoFreer>;
+
 struct PGResultClearer {
   void operator()(PGresult* result) const { PQclear(result); }
 };
@@ -56,6 +67,30 @@ using PGResultHandle = std::unique_ptr<PGresult, PGResultClearer>;
 
 // Notices are the server's remarks on statements that succeeded; the tool reports failures only.
 void ignoreNotice(void* /*argument*/, const PGresult* /*notice*/) {}
+
+// Whether an option says how the server is reached, and not whose session it is or how the session behaves. A service
+// is left out because the other options are what it was resolved to.
+bool reachesServer(const PQconninfoOption& option) {
+  constexpr std::array<std::string_view, 7> kOthers = {"user",    "dbname",  "client_encoding", "application_name",
+                                                       "options", "service", "servicefile"};
+  return std::find(kOthers.begin(), kOthers.end(), option.keyword) == kOthers.end();
+}
+
+// An option that is set to the empty text counts: libpq does not look at the variable then. A connection that was not
+// accepted is remembered too. While the service cannot be read there are no options, and what is known stays: programs
+// must not turn to the default server.
+void rememberServer(PGconn* connection) {
+  const Conninfo options(PQconninfo(connection));
+  std::vector<std::string> variables;
+  for (const PQconninfoOption* option = options.get(); option != nullptr && option->keyword != nullptr; ++option) {
+    if (option->envvar != nullptr && option->val != nullptr && reachesServer(*option)) {
+      variables.push_back(std::string(option->envvar) + "=" + option->val);
+    }
+  }
+  if (!variables.empty()) {
+    serverVariables() = std::move(variables);
+  }
+}
 
 bool settleSession(PGconn* connection) {
   const std::string statements =
@@ -295,6 +330,7 @@ DBConnect_tag* KAVODBConnectAs(const char* applicationName, const char* host, co
   const char* const values[] = {host, user, password, database, "UTF8", applicationName, options.c_str(), nullptr};
   auto connection = std::make_unique<DBConnect_tag>();
   connection->connection = PQconnectdbParams(keywords, values, 0);
+  rememberServer(connection->connection);
   if (PQstatus(connection->connection) != CONNECTION_OK || !settleSession(connection->connection)) {
     disconnect(connection.release());
     return nullptr;
@@ -322,6 +358,8 @@ DBConnect_tag* KAVODBPConnect(const char* host, const char* user, const char* pa
 }
 
 int lastServerVersion() { return gServerVersion; }
+
+const std::vector<std::string>& lastServerVariables() { return serverVariables(); }
 
 void KAVODBClose(DBConnect_tag* connection) {
   if (connection != nullptr) {

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
+#include <vector>
 
 // The database client operations that all SQL of the tool goes through, on libpq.
 
@@ -25,6 +27,12 @@ DBConnect_tag* KAVODBPConnect(const char* host, const char* user, const char* pa
 
 // The version of the server that this process has last connected to, as PQserverVersion gives it; 0 before that.
 int lastServerVersion();
+
+// The variables, as "NAME=value", with which another program's libpq reaches the server that this process has last
+// connected to, or tried to: host, port, password, encryption and so on, wherever they came from, but not user,
+// database, encoding, application name and session options. Empty before that; an attempt whose service libpq could not
+// read changes nothing. Valid until the next connection.
+const std::vector<std::string>& lastServerVariables();
 
 // Ends an open transaction without committing it, makes everything that the connection has committed durable on the
 // server's own disk, and closes it. A connection that has changed nothing writes nothing here either. When the last

@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <initializer_list>
 #include <string_view>
 
@@ -31,8 +32,8 @@ constexpr std::array kChildVariables = {
     // With "\set AUTOCOMMIT off" in the user's own ~/.psqlrc every rename would be rolled back when psql ends.
     Variable{"PSQLRC", "/dev/null"},
     // The archive's format, compression and members are the tool's to choose. With POSIXLY_CORRECT tar takes the "-C"
-    // that follows the members for a member too.
-    Variable{"TAR_OPTIONS", nullptr},
+    // that follows the members for a member too. By default tar reads "\t" in the directory's name as a tab.
+    Variable{"TAR_OPTIONS", "--no-unquote"},
     Variable{"TAPE", nullptr},
     Variable{"GZIP", nullptr},
     Variable{"POSIXLY_CORRECT", nullptr},
@@ -41,20 +42,28 @@ constexpr std::array kChildVariables = {
     // libpq sends these two apart from the session options, and the server lets them win over those.
     Variable{"PGTZ", nullptr},
     Variable{"PGDATESTYLE", nullptr},
+    // Of a service libpq lets "options" and "application_name" win over the tool's variables. In place of the service
+    // the program gets what the tool's own connection was made with.
+    Variable{"PGSERVICE", nullptr},
+    Variable{"PGSERVICEFILE", nullptr},
 };
 
-bool isChildVariable(std::string_view entry) {
-  const std::string_view name = entry.substr(0, entry.find('='));
+std::string_view nameOf(std::string_view entry) { return entry.substr(0, entry.find('=')); }
+
+bool holds(const std::vector<std::string>& entries, std::string_view name) {
+  return std::any_of(entries.begin(), entries.end(),
+                     [name](const std::string& entry) { return nameOf(entry) == name; });
+}
+
+bool isChildVariable(std::string_view name) {
   return std::any_of(kChildVariables.begin(), kChildVariables.end(),
                      [name](const Variable& variable) { return variable.name == name; });
 }
 
 std::vector<std::string> childEnvironment() {
   std::vector<std::string> entries;
-  for (char** entry = environ; *entry != nullptr; ++entry) {
-    if (!isChildVariable(*entry)) {
-      entries.emplace_back(*entry);
-    }
+  if (std::getenv("PGSERVICE") != nullptr) {
+    entries = lastServerVariables();
   }
   for (const Variable& variable : kChildVariables) {
     if (variable.value != nullptr) {
@@ -62,6 +71,12 @@ std::vector<std::string> childEnvironment() {
     }
   }
   entries.push_back("PGOPTIONS=" + childSessionOptions(lastServerVersion()));
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    const std::string_view name = nameOf(*entry);
+    if (!isChildVariable(name) && !holds(entries, name)) {
+      entries.emplace_back(*entry);
+    }
+  }
   return entries;
 }
 
@@ -173,16 +188,20 @@ int ProcessRunner::run(bool /*wait*/, bool captureOutput) {
     writeEnd.reset(ends[1]);
   }
 
-  std::vector<std::string> variables = childEnvironment();
+  std::vector<std::string> variables;
+  if (!callersEnvironment_) {
+    variables = childEnvironment();
+  }
   const std::vector<char*> arguments = pointersTo(arguments_);
-  const std::vector<char*> environment = pointersTo(variables);
+  const std::vector<char*> changed = pointersTo(variables);
+  char* const* const environment = callersEnvironment_ ? environ : changed.data();
   const pid_t parent = getpid();
   const pid_t child = fork();
   if (child < 0) {
     return -1;
   }
   if (child == 0) {
-    becomeProgram(parent, path_.c_str(), arguments.data(), environment.data(), writeEnd.get());
+    becomeProgram(parent, path_.c_str(), arguments.data(), environment, writeEnd.get());
   }
   // The pipe ends only when no process holds its write end any more, this one included.
   writeEnd.reset();

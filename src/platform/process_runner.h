@@ -18,11 +18,16 @@ class ProcessRunner {
                     const char* a5 = nullptr, const char* a6 = nullptr, const char* a7 = nullptr,
                     const char* a8 = nullptr, const char* a9 = nullptr);
 
+  // Gives the program this process's environment as it is. For programs that are none of the tool's own: their database
+  // sessions, and those of what they leave in the background, are then not taken for sessions of the tool.
+  void useCallersEnvironment() { callersEnvironment_ = true; }
+
   // Starts the program and waits for its end. The child is killed when the calling thread ends before it. It reads
   // /dev/null, writes to this process's standard error, and its standard output is captured or discarded. Its
-  // environment is this process's without what would change how the database clients and tar work. 0 when it ended with
-  // status 0; negative when it could not be started, its output could not be read, or it ended with another status or
-  // by a signal. Nothing is logged. `wait` is always true: there is no running in the background.
+  // environment is this process's without what would change how the database clients and tar work (unless
+  // useCallersEnvironment was called); of a libpq service (PGSERVICE) it gets what lastServerVariables gives. 0 when it
+  // ended with status 0; negative when it could not be started, its output could not be read, or it ended with another
+  // status or by a signal. Nothing is logged. `wait` is always true: there is no running in the background.
   int run(bool wait, bool captureOutput);
 
   // What a run with captureOutput printed, whole.
@@ -35,6 +40,7 @@ class ProcessRunner {
   std::string path_;
   std::vector<std::string> arguments_;
   std::string output_;
+  bool callersEnvironment_ = false;
 };
 
 }  // namespace KAVOUtils

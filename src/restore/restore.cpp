@@ -208,6 +208,8 @@ bool convertCovers(const BuildNumbers& builds) {
     return true;
   }
   KAVOUtils::ProcessRunner convert(script, script, "restore", gIsOverwiroteMode ? nullptr : "skip");
+  // It is the application's own: the next run must not end the database sessions of what it leaves in the background.
+  convert.useCallersEnvironment();
   if (convert.run(true, false) < 0) {
     KAVO_LOG("Failed when executing commend: %s.\n", convert.toString().c_str());
     return false;

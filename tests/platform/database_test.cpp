@@ -142,6 +142,38 @@ TEST_F(DatabaseAccess, ShowsTheNameOfASessionToTheServer) {
   EXPECT_EQ(setting(connection.get(), "synchronous_commit"), "off");
 }
 
+TEST_F(DatabaseAccess, RemembersHowTheServerOfAServiceIsReached) {
+  const char* const host = getenv("PGHOST");
+  const std::string right = std::string("PGHOST=") + (host != nullptr ? host : "");
+  appliance::writeFile("/tmp/service.conf",
+                       "[right]\nhost=" + right.substr(sizeof "PGHOST") +
+                           "\npassword=secret\nsslmode=disable\nuser=nobody\ndbname=other\noptions=-c jit=on\n"
+                           "application_name=theirs\nclient_encoding=LATIN1\n[wrong]\nhost=/tmp/no_server_here\n");
+  const Variable file("PGSERVICEFILE", "/tmp/service.conf");
+  const Variable nowhere("PGHOST", "/tmp/nowhere_either");
+  const auto reached =
+      testing::IsSupersetOf({right, std::string("PGPASSWORD=secret"), std::string("PGSSLMODE=disable")});
+  const auto others = testing::Each(Not(
+      testing::MatchesRegex("(PGUSER|PGDATABASE|PGOPTIONS|PGAPPNAME|PGCLIENTENCODING|PGSERVICE|PGSERVICEFILE)=.*")));
+  {
+    const Variable service("PGSERVICE", "right");
+    ASSERT_TRUE(connectTo("photo"));
+    EXPECT_THAT(lastServerVariables(), AllOf(reached, others));
+  }
+  {
+    const Variable service("PGSERVICE", "unknown");
+    EXPECT_FALSE(connectTo("photo"));
+    EXPECT_THAT(lastServerVariables(), AllOf(reached, others));
+  }
+  {
+    const Variable service("PGSERVICE", "wrong");
+    EXPECT_FALSE(connectTo("photo"));
+    EXPECT_THAT(lastServerVariables(), testing::Contains("PGHOST=/tmp/no_server_here"));
+    EXPECT_THAT(lastServerVariables(), Not(testing::Contains("PGPASSWORD=secret")));
+  }
+  expectNoMessages();
+}
+
 TEST_F(DatabaseAccess, GoesToTheServerOfTheEnvironment) {
   const char* const host = getenv("PGHOST");
   const std::string right = host != nullptr ? host : "";

@@ -351,9 +351,11 @@ TEST_F(Runner, GivesTheProgramAnEnvironmentThatChangesNothing) {
   EXPECT_EQ(run({"-b", appliance::workDirectory()}, options).status, 0);
   expectNoMessages();
   const std::vector<std::string> environment = lines(appliance::readFile("/tmp/environment"));
-  EXPECT_THAT(environment, IsSupersetOf({"PGAPPNAME=kavophoto_backup", "PSQLRC=/dev/null", "GZIPPED=kept"}));
-  EXPECT_THAT(environment,
-              Each(Not(MatchesRegex("(TAR_OPTIONS|TAPE|GZIP|POSIXLY_CORRECT|PGCLIENTENCODING|PGTZ|PGDATESTYLE)=.*"))));
+  EXPECT_THAT(environment, IsSupersetOf({"PGAPPNAME=kavophoto_backup", "PSQLRC=/dev/null", "TAR_OPTIONS=--no-unquote",
+                                         "GZIPPED=kept"}));
+  EXPECT_THAT(
+      environment,
+      Each(Not(MatchesRegex("(TAR_OPTIONS=--format|TAPE|GZIP|POSIXLY_CORRECT|PGCLIENTENCODING|PGTZ|PGDATESTYLE)=.*"))));
   EXPECT_EQ(std::count_if(environment.begin(), environment.end(),
                           [](const std::string& entry) { return entry.rfind("PGAPPNAME=", 0) == 0; }),
             1);
@@ -365,6 +367,50 @@ TEST_F(Runner, GivesItsDatabaseSessionsTheToolsName) {
                        "INSERT INTO seen VALUES (current_setting('application_name'))");
   EXPECT_EQ(runner.run(true, false), 0);
   expectRows(live(), "SELECT name FROM seen", {{"kavophoto_backup"}});
+}
+
+TEST_F(Runner, TakesFromAServiceWhereTheServerIsAndNothingElse) {
+  const char* const host = getenv("PGHOST");
+  appliance::writeFile("/tmp/service.conf",
+                       std::string("[s]\nhost=") + (host != nullptr ? host : "") +
+                           "\npassword=se cret\nconnect_timeout=77\nuser=nobody\ndbname=template1\n"
+                           "application_name=theirs\nclient_encoding=LATIN1\n"
+                           "options=-c search_path=theirs -c lock_timeout=200\n");
+  appliance::RunOptions options;
+  options.env = {"PGSERVICEFILE=/tmp/service.conf", "PGSERVICE=s", "PGHOST=/tmp/no_server_here", "PGUSER=postgres"};
+  appliance::replaceProgram("/usr/bin/pg_dump", R"x(env > /tmp/environment
+/usr/bin/psql photo -U postgres -Atc "SELECT current_setting('application_name'), current_setting('search_path'),
+    current_setting('lock_timeout'), current_setting('client_encoding')" > /tmp/seen
+exec "$REAL" "$@")x");
+  EXPECT_EQ(run({"-b", appliance::workDirectory()}, options).status, 0);
+  expectNoMessages();
+  EXPECT_EQ(appliance::readFile("/tmp/seen"), "kavophoto_backup|public|0|UTF8\n");
+  const std::vector<std::string> environment = lines(appliance::readFile("/tmp/environment"));
+  EXPECT_THAT(environment, IsSupersetOf({"PGPASSWORD=se cret", "PGCONNECT_TIMEOUT=77", "PGUSER=postgres"}));
+  EXPECT_THAT(environment, Each(Not(MatchesRegex("(PGSERVICE|PGSERVICEFILE|PGDATABASE|PGCLIENTENCODING)=.*"))));
+  EXPECT_EQ(std::count_if(environment.begin(), environment.end(),
+                          [](const std::string& entry) { return entry.rfind("PGHOST=", 0) == 0; }),
+            1);
+}
+
+TEST_F(Runner, LeavesTheServerToTheCallersVariablesWithoutAService) {
+  ASSERT_TRUE(connectTo("photo"));
+  ProcessRunner runner("/usr/bin/env", "/usr/bin/env");
+  EXPECT_THAT(lines(outputOf(runner)), Each(Not(MatchesRegex("PGPORT=.*"))));
+}
+
+TEST_F(Runner, GivesAProgramOfAnotherPartyTheCallersEnvironment) {
+  const std::vector<const char*> names = {"PGAPPNAME", "PGOPTIONS", "PGSERVICE", "PGTZ", "TAR_OPTIONS"};
+  for (const char* name : names) {
+    setenv(name, "theirs", 1);
+  }
+  const char* program = script("echo $PGAPPNAME $PGOPTIONS $PGSERVICE $PGTZ $TAR_OPTIONS ${PSQLRC-none}");
+  ProcessRunner runner(program, program);
+  runner.useCallersEnvironment();
+  EXPECT_EQ(outputOf(runner), "theirs theirs theirs theirs theirs none\n");
+  for (const char* name : names) {
+    unsetenv(name);
+  }
 }
 
 TEST_F(Runner, PacksAWholeArchiveWhateverTarIsAskedFor) {

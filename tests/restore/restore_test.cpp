@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <filesystem>
+#include <thread>
 
 #include "main/path_check.h"
 #include "main/registry.h"
@@ -650,6 +652,50 @@ TEST_F(RestoreTest, ArchiveOfTablesUnderTheirLiveNamesIsNotLoaded) {
   restore(255, {"The dump holds rows of a table that no backup saves (public category postgres), nothing is loaded.",
                 "KavophotoRestoreDB failed when restore dump file.\n", kCannot});
   EXPECT_EQ(appliance::contents("photo"), before);
+}
+
+template <typename Condition>
+void waitUntil(const Condition& isMet) {
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (!isMet() && std::chrono::steady_clock::now() < limit) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+}
+
+TEST_F(RestoreTest, LeavesTheSessionsOfTheConversionScriptToTheScript) {
+  ArchiveOptions old;
+  old.build = "1000";
+  archiveOfOther(old);
+  writeFile(kScript,
+            "#!/bin/sh\n"
+            "(/usr/bin/psql photo -U postgres -c 'SELECT pg_advisory_lock(42)'; echo $? > /tmp/ended;"
+            " mv /tmp/ended /tmp/status) < /dev/null > /dev/null 2>&1 &\n",
+            0755);
+  const std::string waits = "SELECT count(*) FROM pg_stat_activity WHERE wait_event = 'advisory'";
+  live().exec("SELECT pg_advisory_lock(42)");
+  restore(0, {});
+  waitUntil([&] { return live().value(waits) == "1"; });
+  EXPECT_EQ(run({"-b", workDirectory()}).status, 0);
+  expectNoMessages();
+  EXPECT_EQ(live().value(waits), "1");
+  live().exec("SELECT pg_advisory_unlock(42)");
+  waitUntil([] { return exists("/tmp/status"); });
+  EXPECT_EQ(readFile("/tmp/status"), "0\n");
+}
+
+TEST_F(RestoreTest, UnpacksIntoADirectoryWhoseNameHoldsABackslash) {
+  const std::string directory = "/tmp/x\\ty/";
+  const std::string another = "/tmp/x\ty/settings.conf.bak";
+  appliance::makeDirectories(directory);
+  writeFile(another, "kept");
+  live().exec("INSERT INTO photo_config VALUES ('m', 'k', 'v')");
+  EXPECT_EQ(run({"-b", directory}).status, 0);
+  expectNoMessages();
+  live().exec("TRUNCATE photo_config");
+  EXPECT_EQ(run({"-r", directory}).status, 0);
+  expectNoMessages();
+  expectRows(live(), "SELECT config_value FROM photo_config", {{"v"}});
+  EXPECT_EQ(readFile(another), "kept");
 }
 
 }  // namespace
