@@ -29,6 +29,21 @@ namespace {
 
 constexpr std::size_t kVersionCapacity = 1024;
 
+constexpr std::array kWrittenFiles = {
+    "kavophoto_backup.dump",
+    "kavophoto_backup_time.txt",
+    "kavophoto_backup_hox_account.txt",
+    "kavophoto_backup_hox_group_account.txt",
+    "settings.conf.bak",
+    "kavophoto.backup",
+};
+
+// pg_dump, cp and tar would wait for a reader of a pipe, with all tables under their staged names.
+bool removeSpecialFiles(const std::string& dir) {
+  return std::all_of(kWrittenFiles.begin(), kWrittenFiles.end(),
+                     [&dir](const char* name) { return removeSpecialFile(joinPath(dir, name)); });
+}
+
 // What has a staged name already would be dumped in the place of a live table.
 bool canStage(std::span<const char* const> tables) {
   const Connection connection = connectTo("photo");
@@ -246,7 +261,7 @@ bool isPlainFile(const dirent& entry, const std::string& path) {
 }  // namespace
 
 int KavophotoDumpDB(const char* dir, std::span<const char* const> tables) {
-  if (!canStage(tables)) {
+  if (!removeSpecialFiles(dir) || !canStage(tables)) {
     return -1;
   }
   const std::vector<std::string_view> staged = stageTables(tables);

@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <string>
 
 #include "backup/archive.h"
@@ -132,6 +133,11 @@ int run(int count, char** arguments) {
   }
   if (!directoryFits(options.path)) {
     return refuseMode(options.mode);
+  }
+  // A run that reaches another server, or none, is not kept out by the lock on the server.
+  const std::optional<Descriptor> directoryLock = lockDirectory(options.path);
+  if (!directoryLock) {
+    return refuseSecondRun();
   }
   // The pid file keeps another run out only as long as nobody removes it.
   if (takeRunLock() == RunLock::kHeldByAnother) {

@@ -1,13 +1,14 @@
 #include "main/single_instance.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
-#include <string>
+#include <thread>
 
-#include "platform/handles.h"
 #include "platform/log.h"
 #include "platform/pid_file.h"
 #include "platform/text.h"
@@ -42,6 +43,27 @@ bool takeSingleInstanceGuard() {
   }
   writePidFile();
   return true;
+}
+
+std::optional<Descriptor> lockDirectory(const std::string& path) {
+  constexpr int kAttempts = 20;
+  constexpr auto kPause = std::chrono::milliseconds(50);
+  const std::string directory = path.substr(0, path.rfind('/') + 1);
+  Descriptor lock(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!lock) {
+    return lock;
+  }
+  // A program that a killed run was about to start holds the run's lock until it dies a moment later.
+  for (int attempt = 1; flock(lock.get(), LOCK_EX | LOCK_NB) != 0; ++attempt) {
+    if (errno != EWOULDBLOCK) {
+      return Descriptor();
+    }
+    if (attempt == kAttempts) {
+      return std::nullopt;
+    }
+    std::this_thread::sleep_for(kPause);
+  }
+  return lock;
 }
 
 void removePidFile() {

@@ -48,6 +48,11 @@ File openFile(const std::string& path, int flags, const char* mode) {
 
 bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
+bool isSpecialFile(const std::string& path) {
+  struct stat status = {};
+  return stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode);
+}
+
 File openToRead(const std::string& path, Links links) {
   return openFile(path, links == Links::kRefused ? O_RDONLY | O_NOFOLLOW : O_RDONLY, "r");
 }
@@ -68,4 +73,12 @@ void removeIfThere(const std::string& path) {
   if (exists(path) && std::remove(path.c_str()) != 0) {
     KAVO_LOG("Failed to remove %s (%s)", path.c_str(), std::strerror(errno));
   }
+}
+
+bool removeSpecialFile(const std::string& path) {
+  if (!isSpecialFile(path) || unlink(path.c_str()) == 0) {
+    return true;
+  }
+  KAVO_LOG("Failed to remove %s (%s)", path.c_str(), std::strerror(errno));
+  return false;
 }

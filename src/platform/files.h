@@ -10,6 +10,10 @@
 // True when something exists at `path`; a symbolic link counts for what it points to.
 bool exists(const std::string& path);
 
+// True when a pipe, a device or a socket exists at `path`, or a symbolic link to one: things that a program may wait
+// for without end when it opens them.
+bool isSpecialFile(const std::string& path);
+
 enum class Links { kFollowed, kRefused };
 
 // Opens a file for reading; null with errno set when that fails, with ELOOP where a symbolic link is refused.
@@ -33,3 +37,7 @@ bool closeWritten(File file);
 // Removes the file at `path` if there is one. A failure is logged as "Failed to remove %s (%s)" with the path and the
 // system's reason.
 void removeIfThere(const std::string& path);
+
+// Removes the name `path` when it is one of a special file; of a symbolic link only the link. Files, folders and the
+// links to them stay. False when the removal failed, which is logged in the same way.
+bool removeSpecialFile(const std::string& path);

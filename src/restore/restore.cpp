@@ -31,6 +31,15 @@ namespace {
 
 constexpr std::size_t kVersionCapacity = 1024;
 
+constexpr std::array kUnpackedFiles = {
+    "kavophoto_backup.dump",
+    "kavophoto_backup_time.txt",
+    "kavophoto_backup_hox_account.txt",
+    "kavophoto_backup_hox_group_account.txt",
+    "settings.conf.bak",
+    "toc_file",
+};
+
 bool unpackArchive(const std::string& dir) {
   const std::string archive = joinPath(dir, "kavophoto.backup");
   if (!exists(archive)) {
@@ -38,6 +47,11 @@ bool unpackArchive(const std::string& dir) {
     return false;
   }
   progressPhase("unpacking");
+  // tar replaces only what is a member, and an archive may lack some. What cannot be removed is opened by nothing that
+  // would wait.
+  for (const char* name : kUnpackedFiles) {
+    removeSpecialFile(joinPath(dir, name));
+  }
   KAVOUtils::ProcessRunner tar("/bin/tar", "/bin/tar", "-zxvf", archive.c_str(), "-C", dir.c_str());
   // tar would wait for a writer of a pipe.
   if (!openToRead(archive) || tar.run(true, false) < 0) {
@@ -48,7 +62,8 @@ bool unpackArchive(const std::string& dir) {
 }
 
 bool listTables(const std::string& dir) {
-  if (!exists(joinPath(dir, "kavophoto_backup.dump"))) {
+  // pg_restore would wait for a writer of a pipe, and an archive may hold one.
+  if (!openToRead(joinPath(dir, "kavophoto_backup.dump"))) {
     KAVO_LOG("KavophotoRestoreDB failed: no dump file.\n");
     return false;
   }

@@ -19,13 +19,14 @@ int KavophotoRestoreTheme(const char* dir) {
   }
   while (const dirent* entry = readdir(themes.get())) {
     const std::string_view name = entry->d_name;
-    if (name == "." || name == ".." || (!gIsOverwiroteMode && exists(joinPath(live, name)))) {
+    const std::string replaced = joinPath(live, name);
+    if (name == "." || name == ".." || (!gIsOverwiroteMode && exists(replaced))) {
       continue;
     }
     const std::string theme = joinPath(saved + "/", name);
     KAVOUtils::ProcessRunner copy("/bin/cp", "/bin/cp", "-pf", theme.c_str(), live.c_str());
-    // cp would wait for a writer of a pipe.
-    if (!openToRead(theme) || copy.run(true, false) < 0) {
+    // cp would wait for the other end of a pipe.
+    if (!openToRead(theme) || isSpecialFile(replaced) || copy.run(true, false) < 0) {
       KAVO_LOG("KavophotoRestoreTheme: failed to copy %s.\n", entry->d_name);
     }
   }

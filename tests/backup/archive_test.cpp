@@ -629,4 +629,43 @@ TEST_F(ArchiveTest, RowsOfInheritingTablesAreSaidToBeMissing) {
   EXPECT_EQ(live().count("photo_log"), 1);
 }
 
+class WrittenName : public ArchiveTest, public ::testing::WithParamInterface<const char*> {
+ protected:
+  static void placeSpecialFiles() {
+    const std::string kind = GetParam();
+    for (const char* name : {"kavophoto_backup.dump", "kavophoto_backup_time.txt", "kavophoto_backup_hox_account.txt",
+                             "kavophoto_backup_hox_group_account.txt", "settings.conf.bak", "kavophoto.backup"}) {
+      const std::string path = workDirectory() + name;
+      const int placed = kind == "Pipe"     ? mkfifo(path.c_str(), 0600)
+                         : kind == "Socket" ? mknod(path.c_str(), S_IFSOCK | 0600, 0)
+                                            : symlink("/dev/null", path.c_str());
+      ASSERT_EQ(placed, 0) << name;
+    }
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(Kinds, WrittenName, ::testing::Values("Pipe", "Socket", "LinkToADevice"),
+                         [](const auto& kind) { return std::string(kind.param); });
+
+// pg_dump, cp and tar would wait for a reader of a pipe, with all tables under their staged names.
+TEST_P(WrittenName, SpecialFilesAreRemoved) {
+  placeSpecialFiles();
+  backUpWith({});
+  EXPECT_EQ(filesLeft(), std::vector<std::string>{"kavophoto.backup"});
+  EXPECT_EQ(listArchive(workDirectory() + "kavophoto.backup"), membersWith({}));
+  EXPECT_TRUE(exists("/dev/null"));
+  expectDatabaseAsBefore();
+}
+
+TEST_F(StagedNameTest, SpecialFilesThatCannotBeRemovedMakeNoArchive) {
+  ASSERT_EQ(mkfifo((workDirectory() + "settings.conf.bak").c_str(), 0600), 0);
+  for (const char* program : {"/usr/bin/psql", "/usr/bin/pg_dump", "/bin/tar"}) {
+    replaceProgram(program, "touch /tmp/started");
+  }
+  appliance::mountReadOnly("/tmp/backup");
+  backUpWith({"Failed to remove /tmp/backup/settings.conf.bak (Read-only file system)"});
+  EXPECT_FALSE(exists("/tmp/started"));
+  expectDatabaseAsBefore();
+}
+
 }  // namespace

@@ -153,7 +153,8 @@ class LostServer : public Server, public ::testing::WithParamInterface<std::tupl
   }
 
   static void expectBackupMessages(const Messages& messages) {
-    Messages expected = {"KavophotoDumpHoxUserOnDB failed when photo_upload_right_for_hox_account.\n"};
+    Messages expected = {"KavophotoDumpHoxUserOnDB failed when photo_upload_right_for_hox_account.\n",
+                         "The lock of this run was lost with its connection. It only renames tables back from now on."};
     if (fault() == Fault::kStopped) {
       for (const std::string& table : appliance::tableNames()) {
         expected.push_back("KavophotoTableRenameBack: Fail to rename back table " + table + "\n");
@@ -222,7 +223,8 @@ TEST_F(Server, LostWhileStagedTablesAreLookedForLeavesThem) {
   relay.cut();
   EXPECT_EQ(appliance::waitTool(tool).status, 0);
   EXPECT_THAT(appliance::takeMessages(),
-              testing::ElementsAre(MatchesRegex("Failed to exec \\[SELECT relname FROM pg_class .+\\] \\(.+\\)")));
+              testing::ElementsAre(MatchesRegex("Failed to exec \\[SELECT relname FROM pg_class .+\\] \\(.+\\)"),
+                                   HasSubstr("Table photo_label_bak is left alone")));
   EXPECT_EQ(live.value("SELECT id FROM photo_label_bak"), "1");
 }
 

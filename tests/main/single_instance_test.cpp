@@ -1,10 +1,13 @@
 #include "main/single_instance.h"
 
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <string>
+#include <thread>
 
 #include "support/tool_test.h"
 
@@ -22,6 +25,16 @@ class SingleInstance : public appliance::ToolTest {
     }
     waitpid(child, nullptr, 0);
     return std::to_string(child);
+  }
+  // A backup that is about to pack its members.
+  static pid_t startHeldBackup() {
+    appliance::replaceProgram(
+        "/bin/tar", R"(touch /tmp/packing; while [ ! -e /tmp/go_on ]; do sleep 0.01; done; exec "$REAL" "$@")");
+    const pid_t backup = appliance::startTool({"-b", appliance::workDirectory()});
+    while (!appliance::exists("/tmp/packing")) {
+      usleep(5000);
+    }
+    return backup;
   }
   appliance::Outcome exportAccounts() { return run({"-e", appliance::workDirectory()}); }
 };
@@ -136,6 +149,83 @@ TEST_F(SingleInstance, GoesOnWithoutAPidFileWhereNoneCanBeMade) {
   EXPECT_EQ(run({"-e", "/var/export/"}).status, 0);
   expectMessages({"Failed to open /tmp/kavophoto_backup.pid, errno=[30/Read-only file system]\n"});
   EXPECT_TRUE(appliance::exists("/var/export/kavophoto_backup_hox_account.txt"));
+}
+
+TEST_F(SingleInstance, KeepsARunThatReachesNoServerOutOfTheDirectoryOfAnother) {
+  other();
+  const pid_t first = startHeldBackup();
+  appliance::RunOptions noServer;
+  noServer.env = {"PGPORT=1"};
+  for (const std::vector<std::string>& arguments :
+       std::vector<std::vector<std::string>>{{"-b", appliance::workDirectory()},
+                                             {"-e", appliance::workDirectory()},
+                                             {"-r", appliance::workDirectory() + "prefix"},
+                                             {"-i", "/tmp/../tmp/backup/", "-d", "other"}}) {
+    SCOPED_TRACE(arguments.front());
+    appliance::removeAll(kPidFile);
+    if (arguments.front() == "-r") {
+      appliance::makeDirectories(appliance::workDirectory() + "prefix");
+    }
+    const appliance::Outcome second = run(arguments, noServer);
+    EXPECT_EQ(second.status, 255);
+    EXPECT_EQ(second.out, "");
+    expectMessages({kRunning});
+    EXPECT_FALSE(appliance::exists(kPidFile));
+  }
+  appliance::writeFile("/tmp/go_on", "");
+  EXPECT_EQ(appliance::waitTool(first).status, 0);
+  expectNoMessages();
+  EXPECT_EQ(appliance::listArchive(appliance::workDirectory() + "kavophoto.backup"),
+            (std::vector<std::string>{"kavophoto_backup.dump", "kavophoto_backup_time.txt",
+                                      "kavophoto_backup_hox_account.txt", "kavophoto_backup_hox_group_account.txt",
+                                      "theme_bak/", "settings.conf.bak"}));
+}
+
+TEST_F(SingleInstance, HoldsTheLockOfTheDirectoryNoLongerThanItLives) {
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    const pid_t first = startHeldBackup();
+    kill(first, SIGKILL);
+    EXPECT_EQ(appliance::waitTool(first).status, -SIGKILL);
+    appliance::restorePrograms();
+    appliance::removeAll("/tmp/packing");
+    EXPECT_EQ(run({"-b", appliance::workDirectory()}).status, 0);
+    expectNoMessages();
+    EXPECT_TRUE(appliance::exists("/tmp/backup/kavophoto.backup"));
+    appliance::removeAll("/tmp/backup/kavophoto.backup");
+  }
+}
+
+TEST_F(SingleInstance, WaitsForALockThatIsHeldForAMoment) {
+  std::optional<Descriptor> held = lockDirectory(appliance::workDirectory());
+  ASSERT_TRUE(held && *held);
+  EXPECT_FALSE(lockDirectory(appliance::workDirectory() + "prefix"));
+  std::thread release([&held] {
+    usleep(200000);
+    held.reset();
+  });
+  EXPECT_EQ(exportAccounts().status, 0);
+  release.join();
+  expectNoMessages();
+  EXPECT_TRUE(appliance::exists("/tmp/backup/kavophoto_backup_hox_account.txt"));
+}
+
+TEST_F(SingleInstance, LocksNothingButADirectory) {
+  appliance::writeFile("/tmp/file", "");
+  for (const char* path : {"/tmp/missing/", "/tmp/file/prefix", "no slash"}) {
+    const std::optional<Descriptor> lock = lockDirectory(path);
+    ASSERT_TRUE(lock) << path;
+    EXPECT_FALSE(*lock) << path;
+  }
+  appliance::checked();
+}
+
+TEST_F(SingleInstance, GoesOnWithoutALockInADirectoryThatItMayNotList) {
+  ASSERT_EQ(chmod("/tmp/backup", 0333), 0);
+  appliance::RunOptions options;
+  options.dropPrivileges = true;
+  EXPECT_EQ(run({"-e", appliance::workDirectory()}, options).status, 0);
+  expectNoMessages();
+  EXPECT_TRUE(appliance::exists("/tmp/backup/kavophoto_backup_hox_account.txt"));
 }
 
 }  // namespace

@@ -116,6 +116,40 @@ TEST_F(FilesTest, FailedRemovalIsLogged) {
   expectMessages({"Failed to remove /tmp/file (Directory not empty)"});
 }
 
+TEST_F(FilesTest, RemovesTheNamesOfSpecialFilesOnly) {
+  appliance::makeDirectories("/tmp/folder");
+  writeFile("/tmp/ordinary", "kept");
+  ASSERT_EQ(symlink("/tmp/ordinary", "/tmp/link"), 0);
+  ASSERT_EQ(symlink("/tmp/missing", "/tmp/dangling"), 0);
+  for (const char* path : {"/tmp/folder", "/tmp/ordinary", "/tmp/link", "/tmp/dangling", "/tmp/nothing"}) {
+    EXPECT_FALSE(isSpecialFile(path)) << path;
+    EXPECT_TRUE(removeSpecialFile(path)) << path;
+  }
+  EXPECT_TRUE(std::filesystem::is_directory("/tmp/folder"));
+  EXPECT_EQ(readFile("/tmp/link"), "kept");
+  EXPECT_TRUE(std::filesystem::is_symlink("/tmp/dangling"));
+
+  ASSERT_EQ(mkfifo("/tmp/pipe", 0600), 0);
+  ASSERT_EQ(mknod("/tmp/socket", S_IFSOCK | 0600, 0), 0);
+  ASSERT_EQ(symlink("/dev/null", "/tmp/device"), 0);
+  ASSERT_EQ(symlink("/tmp/socket", "/tmp/to_socket"), 0);
+  for (const char* path : {"/tmp/pipe", "/tmp/device", "/tmp/to_socket", "/tmp/socket"}) {
+    EXPECT_TRUE(isSpecialFile(path)) << path;
+    EXPECT_TRUE(removeSpecialFile(path)) << path;
+    EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(path))) << path;
+  }
+  EXPECT_TRUE(exists("/dev/null"));
+  expectNoMessages();
+}
+
+TEST_F(FilesTest, FailedRemovalOfASpecialFileIsLogged) {
+  appliance::makeDirectories("/tmp/closed");
+  ASSERT_EQ(mkfifo("/tmp/closed/pipe", 0600), 0);
+  appliance::mountReadOnly("/tmp/closed");
+  EXPECT_FALSE(removeSpecialFile("/tmp/closed/pipe"));
+  expectMessages({"Failed to remove /tmp/closed/pipe (Read-only file system)"});
+}
+
 enum class Odd { kPipe, kFolder, kHuge };
 
 void PrintTo(Odd odd, std::ostream* stream) {
@@ -208,13 +242,13 @@ TEST_P(OddFiles, InThePlaceOfTheBackupTimeEndTheRestore) {
   restores(255, {"Fail to get version.\n", kCannot});
 }
 
-TEST_P(OddFiles, InThePlaceOfTheBackupTimeEndTheBackupUnlessTheyCanBeEmptied) {
+TEST_P(OddFiles, InThePlaceOfTheBackupTimeEndTheBackupUnlessTheyCanBeReplaced) {
   constexpr const char* kTime = "/tmp/backup/kavophoto_backup_time.txt";
   place(kTime);
-  const bool isHuge = GetParam() == Odd::kHuge;
+  const bool isFolder = GetParam() == Odd::kFolder;
   runs({"-b", appliance::workDirectory()}, 0,
-       isHuge ? Messages() : Messages{"KavophotoDumpDB failed to open /tmp/backup/kavophoto_backup_time.txt.\n"});
-  EXPECT_EQ(appliance::exists("/tmp/backup/kavophoto.backup"), isHuge);
+       isFolder ? Messages{"KavophotoDumpDB failed to open /tmp/backup/kavophoto_backup_time.txt.\n"} : Messages());
+  EXPECT_NE(appliance::exists("/tmp/backup/kavophoto.backup"), isFolder);
 }
 
 TEST_P(OddFiles, InThePlaceOfTheAccountFilesEndTheExportUnlessTheyCanBeAddedTo) {

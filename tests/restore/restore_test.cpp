@@ -698,4 +698,60 @@ TEST_F(RestoreTest, UnpacksIntoADirectoryWhoseNameHoldsABackslash) {
   EXPECT_EQ(readFile(another), "kept");
 }
 
+// pg_restore would wait for a writer.
+TEST_F(RestoreTest, PipeAsTheDumpOfAnArchiveIsNoDump) {
+  unpackedArchive();
+  appliance::removeAll("/tmp/members/kavophoto_backup.dump");
+  ASSERT_EQ(mkfifo("/tmp/members/kavophoto_backup.dump", 0600), 0);
+  packMembers(appliance::archiveMembers());
+  restore(255, {"KavophotoRestoreDB failed: no dump file.\n", kCannot});
+  EXPECT_FALSE(exists(workDirectory() + "kavophoto_backup.dump"));
+}
+
+class UnpackedName : public RestoreTest, public ::testing::WithParamInterface<bool> {
+ protected:
+  // Pipes, or links to a device, under every name that an archive or the restore puts there.
+  static void placeSpecialFiles() {
+    for (const char* name : {"kavophoto_backup.dump", "kavophoto_backup_time.txt", "kavophoto_backup_hox_account.txt",
+                             "kavophoto_backup_hox_group_account.txt", "settings.conf.bak", "toc_file"}) {
+      const std::string path = workDirectory() + name;
+      ASSERT_EQ(GetParam() ? mkfifo(path.c_str(), 0600) : symlink("/dev/null", path.c_str()), 0) << name;
+    }
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(Kinds, UnpackedName, ::testing::Bool(),
+                         [](const auto& kind) { return std::string(kind.param ? "Pipe" : "LinkToADevice"); });
+
+TEST_P(UnpackedName, SpecialFilesAreRemoved) {
+  other().exec("INSERT INTO photo_config VALUES ('m', 'k', 'v')");
+  archiveOfOther();
+  placeSpecialFiles();
+  restore(0, {});
+  EXPECT_EQ(live().count("photo_config"), 1);
+  EXPECT_TRUE(exists("/dev/null"));
+}
+
+TEST_P(UnpackedName, SpecialFilesAreNotTakenForMembersThatTheArchiveLacks) {
+  ArchiveOptions options;
+  options.leaveOut = {"settings.conf.bak"};
+  archiveOfOther(options);
+  placeSpecialFiles();
+  restore(0, {});
+  appliance::removeAll(workDirectory());
+  appliance::makeDirectories(workDirectory());
+  options.leaveOut = {"kavophoto_backup.dump"};
+  makeArchive(workDirectory(), "other", options);
+  placeSpecialFiles();
+  restore(255, {"KavophotoRestoreDB failed: no dump file.\n", kCannot});
+}
+
+TEST_F(RestoreTest, SpecialFilesThatCannotBeRemovedAreLogged) {
+  archiveOfOther();
+  ASSERT_EQ(mkfifo((workDirectory() + "settings.conf.bak").c_str(), 0600), 0);
+  appliance::mountReadOnly("/tmp/backup");
+  restore(255, {"Failed to remove /tmp/backup/settings.conf.bak (Read-only file system)",
+                "KavophotoRestoreDB failed when un-tar file.\n", kCannot});
+}
+
 }  // namespace

@@ -119,4 +119,30 @@ TEST_P(ThemeTest, MissingLiveDirectoryFailsEveryCopy) {
   expectMessages({"KavophotoRestoreTheme: failed to copy a.css.\n"});
 }
 
+// cp would wait for a reader.
+TEST_P(ThemeTest, PipeInThePlaceOfALiveThemeStays) {
+  const std::string live = kLive + "a.css";
+  writeFile(kSaved + "a.css", "x");
+  writeFile(kSaved + "b.css", "x");
+  ASSERT_EQ(mkfifo(live.c_str(), 0600), 0);
+  EXPECT_EQ(KavophotoRestoreTheme("/tmp/backup/"), 0);
+  if (GetParam()) {
+    expectMessages({"KavophotoRestoreTheme: failed to copy a.css.\n"});
+  }
+  struct stat status = {};
+  ASSERT_EQ(stat(live.c_str(), &status), 0);
+  EXPECT_TRUE(S_ISFIFO(status.st_mode));
+  EXPECT_EQ(readFile(kLive + "b.css"), "x");
+}
+
+TEST_P(ThemeTest, FolderInThePlaceOfALiveThemeStays) {
+  writeFile(kSaved + "a.css", "x");
+  appliance::makeDirectories(kLive + "a.css");
+  EXPECT_EQ(KavophotoRestoreTheme("/tmp/backup/"), 0);
+  if (GetParam()) {
+    expectMessages({"KavophotoRestoreTheme: failed to copy a.css.\n"});
+  }
+  EXPECT_FALSE(exists(kLive + "a.css/a.css"));
+}
+
 }  // namespace
