@@ -122,8 +122,13 @@ class Operations : public appliance::ToolTest {
        [](const auto& outcome) {
          EXPECT_THAT(outcome.out, MatchesRegex("/var/backups/kavophoto/20[0-9-]+_[0-9]+/kavophoto.backup\n"));
        }},
-      {"is-failed", [](const auto& outcome) { EXPECT_THAT(outcome.out, HasSubstr("the last backup is good")); }},
-      {"tar -xzOf",
+      {"pg_restore -l", [](const auto& outcome) { EXPECT_EQ(outcome.out, "33\n"); }},
+      {"is-failed",
+       [](const auto& outcome) {
+         EXPECT_EQ(outcome.out, "inactive\n");
+         EXPECT_THAT(appliance::readFile("/tmp/journal"), HasSubstr("-q -t kavophoto_backup --since today"));
+       }},
+      {"scp ",
        [](const auto& outcome) {
          EXPECT_EQ(outcome.out, "1026 =\"editor\"\n65600 =\"family\"\n");
          EXPECT_TRUE(appliance::exists("/tmp/copied"));
