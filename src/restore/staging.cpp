@@ -81,8 +81,8 @@ std::optional<std::vector<std::string>> namesOfKind(DBConnect_tag* connection, s
                    "relname");
 }
 
-// The note stands in the settings of the database: every later run finds it, it belongs to a transaction, and it adds
-// no table to the application's database.
+// The note is a setting of the database: every later run finds it, it belongs to a transaction, and it adds no table to
+// the application's database.
 bool note(DBConnect_tag* connection, const std::string& value) {
   return execute(connection, formatText("ALTER DATABASE photo SET kavophoto_backup.staged = '%s'", value.c_str()));
 }

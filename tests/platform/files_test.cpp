@@ -164,7 +164,7 @@ constexpr const char* kGroups = "/tmp/backup/kavophoto_backup_hox_group_account.
 constexpr const char* kNoBuild = "KavophotoDumpDB failed when KLIBCFileGetKeyValue.\n";
 constexpr const char* kCannot = "Cant restore Photo DB.\n";
 
-// What stands in the place of a file that the tool reads or writes must end no run in waiting or without memory.
+// No file that the tool reads or writes may hold a run up or fill its memory, whatever kind of file it is.
 class OddFiles : public appliance::ToolTest, public ::testing::WithParamInterface<Odd> {
  protected:
   using Messages = std::vector<std::string>;
