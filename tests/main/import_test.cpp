@@ -77,8 +77,8 @@ TEST_F(Import, RepairsPathsThenMergesTheTablesInOrder) {
           "SELECT * FROM photo_personal_collection_video_for_admin",
           "SELECT * FROM photo_personal_collection_photo_for_hox_account",
           "SELECT * FROM photo_personal_collection_video_for_hox_account"));
-  // One held the lock of the run, and one looked for staged tables that were left behind. The server's processes note
-  // their ends in any order.
+  // Two looked for staged tables and for tables of others under their names. The server's processes note their ends in
+  // any order.
   EXPECT_THAT(closed, UnorderedElementsAre("photo", "photo", "photo", "other"));
 }
 
