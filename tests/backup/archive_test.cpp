@@ -5,11 +5,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 
 #include "backup/backup_time.h"
+#include "main/registry.h"
 #include "platform/query.h"
+#include "platform/run_lock.h"
 #include "restore/staging.h"
 #include "support/filled_tables.h"
 #include "support/tool_test.h"
@@ -668,6 +671,18 @@ TEST_F(StagedNameTest, SpecialFilesThatCannotBeRemovedMakeNoArchive) {
   backUpWith({"Failed to remove /tmp/backup/settings.conf.bak (Read-only file system)"});
   EXPECT_FALSE(exists("/tmp/started"));
   expectDatabaseAsBefore();
+}
+
+// The server accepts no further connection, but this run has its lock.
+TEST_F(ArchiveTest, ServerThatCannotBeReachedAnyMoreMakesNoArchive) {
+  EXPECT_TRUE(keepRunLock());
+  const std::string host = std::getenv("PGHOST");
+  setenv("PGHOST", "/nowhere", 1);
+  EXPECT_EQ(KavophotoDumpDB(workDirectory().c_str(), kTableList), -1);
+  setenv("PGHOST", host.c_str(), 1);
+  expectMessages({"Failed to connect to database"});
+  expectDatabaseAsBefore();
+  EXPECT_EQ(filesLeft(), std::vector<std::string>{});
 }
 
 }  // namespace

@@ -114,7 +114,7 @@ TEST_F(TocTest, RemovesATemporaryList) {
 
 TEST(ForeignRows, AreThoseOfAnyTableThatIsNoStagedCopy) {
   const std::string copies =
-      "; TABLE DATA public of a comment\n"
+      "; TABLE DATA public of a comment\n\n"
       "215; 1259 16412 TABLE public photo_label_bak postgres\n"
       "216; 1259 16413 TABLE public anything postgres\n"
       "3312; 0 16412 TABLE DATA public photo_label_bak postgres\n"
