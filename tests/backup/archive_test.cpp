@@ -676,7 +676,8 @@ TEST_F(StagedNameTest, SpecialFilesThatCannotBeRemovedMakeNoArchive) {
 // The server accepts no further connection, but this run has its lock.
 TEST_F(ArchiveTest, ServerThatCannotBeReachedAnyMoreMakesNoArchive) {
   EXPECT_TRUE(keepRunLock());
-  const std::string host = std::getenv("PGHOST");
+  const char* const given = std::getenv("PGHOST");
+  const std::string host = given != nullptr ? given : "";
   setenv("PGHOST", "/nowhere", 1);
   EXPECT_EQ(KavophotoDumpDB(workDirectory().c_str(), kTableList), -1);
   setenv("PGHOST", host.c_str(), 1);

@@ -157,7 +157,7 @@ TEST_F(RunLockTest, LostAllowsNothingButToRenameBack) {
   live().exec("INSERT INTO photo_config VALUES ('m', 'k', 'live')");
   const auto before = appliance::contents("photo");
   replaceProgram("/usr/bin/psql",
-                 std::string("case \"$5\" in *\" photo_config RENAME\"*) ") + kHold + ";; esac; " + kGoOn);
+                 std::string(R"(case "$5" in *" photo_config RENAME"*) )") + kHold + ";; esac; " + kGoOn);
   const pid_t first = appliance::startTool({"-b", workDirectory()});
   waitFor("/tmp/held");
   live().exec("SELECT pg_terminate_backend(pid) FROM pg_locks WHERE locktype = 'advisory'");

@@ -34,7 +34,7 @@ Outcome MergeTest::merge(const ArchiveOptions& options) {
   if (overwrites()) {
     arguments.emplace_back("-o");
   }
-  const Outcome outcome = run(arguments);
+  Outcome outcome = run(arguments);
   noteCopiesLeft();
   return outcome;
 }
