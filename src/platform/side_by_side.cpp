@@ -28,6 +28,7 @@
 #endif
 #endif
 #ifdef KAVO_ADDRESS_SANITIZER
+#include <sanitizer/asan_interface.h>
 #include <sanitizer/common_interface_defs.h>
 #endif
 
@@ -35,6 +36,8 @@ namespace {
 
 constexpr std::size_t kMostRows = 1024;
 constexpr std::size_t kUsualRows = 64;
+// A window's statements go out in so many parts.
+constexpr std::size_t kBatches = 4;
 #ifdef KAVO_ADDRESS_SANITIZER
 constexpr std::size_t kStackBytes = 1024 * 1024;
 #else
@@ -62,17 +65,51 @@ void enterStack([[maybe_unused]] const StackMark& entered, [[maybe_unused]] Stac
 #endif
 }
 
+// Stacks that rows have left, for the rows to come: to map one costs more than a statement.
+struct StackPool {
+  StackPool() = default;
+  StackPool(const StackPool&) = delete;
+  StackPool& operator=(const StackPool&) = delete;
+  ~StackPool() {
+    for (boost::context::stack_context& stack : unused) {
+      memory.deallocate(stack);
+    }
+  }
+
+  boost::context::protected_fixedsize_stack memory{kStackBytes};
+  std::vector<boost::context::stack_context> unused;
+};
+
+StackPool& stackPool() {
+  static StackPool pool;
+  return pool;
+}
+
+// What the row before has left on a stack means nothing to the next one.
+void forgetStack([[maybe_unused]] const StackMark& stack) {
+#ifdef KAVO_ADDRESS_SANITIZER
+  __asan_unpoison_memory_region(stack.bottom, stack.size);
+#endif
+}
+
 struct StackAllocator {
   boost::context::stack_context allocate() {
-    boost::context::stack_context stack = memory.allocate();
+    StackPool& pool = stackPool();
+    boost::context::stack_context stack;
+    if (pool.unused.empty()) {
+      stack = pool.memory.allocate();
+    } else {
+      stack = pool.unused.back();
+      pool.unused.pop_back();
+    }
     mark->size = stack.size;
     mark->bottom = static_cast<char*>(stack.sp) - stack.size;
+    forgetStack(*mark);
     return stack;
   }
-  void deallocate(boost::context::stack_context& stack) { memory.deallocate(stack); }
+  void deallocate(boost::context::stack_context& stack) { stackPool().unused.push_back(stack); }
 
   StackMark* mark;
-  boost::context::protected_fixedsize_stack memory{kStackBytes};
 };
 
 // Ends a row at the statement that it waits for, when its window is taken back.
@@ -105,6 +142,7 @@ struct Lane {
 struct Window {
   std::vector<std::unique_ptr<Row>> rows;
   std::array<Lane, 2> lanes;
+  // Statements that go to the server together.
   std::size_t batch = 1;
   StackMark stack;
   std::set<std::string> claimed;
@@ -310,7 +348,7 @@ bool runSideBySide(const Databases& databases, std::size_t count, const std::fun
   Window window;
   window.lanes[0].connection = databases.destination;
   window.lanes[1].connection = hasSource ? databases.source : nullptr;
-  window.batch = std::max<std::size_t>(1, count / 2);
+  window.batch = std::max<std::size_t>(1, count / kBatches);
   gWindow = &window;
   const bool succeeded = runToEnd(window, count, work);
   endRows(window);
