@@ -249,7 +249,7 @@ std::string markdownTable(const Table& table) {
 }
 
 std::string headline(const Plan& plan) {
-  const std::string photos = withCommas(plan.rows) + " photos";
+  std::string photos = withCommas(plan.rows) + " photos";
   switch (plan.kind) {
     case Kind::kSlowDisk:
       return photos + ", a commit takes 10 ms";
