@@ -1,20 +1,25 @@
 // Measures the tool on libraries of any size and writes what it found as a table, CSV files and a chart:
 //
-//   kavophoto_bench [--slow-disk | --memory] --results FOLDER --data FOLDER [ROWS]
+//   kavophoto_bench [--slow-disk | --busy | --million | --against TOOL COMMIT] --results FOLDER --data FOLDER [ROWS]
 //
 // Both folders must exist. The server's data stay in the second, which holds nothing else and can be removed
-// afterwards.
+// afterwards. TOOL is the program of another commit, COMMIT the name that the tables give it.
 
 #include <fcntl.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <filesystem>
+#include <optional>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 #include "chart.h"
 #include "platform/handles.h"
@@ -27,9 +32,14 @@ namespace {
 
 constexpr long kFewestRows = 100;
 constexpr long kMostRows = 10000000;
+// The other tool has the name of the tool, because programs tell things by it.
+constexpr const char* kOtherTool = "/appliance/other/kavophoto_backup";
+constexpr const char* kLatencyDevice = "/dev/cpu_dma_latency";
 
 struct Options {
   bench::Plan plan;
+  // The other tool's path on the machine.
+  std::string other;
   std::string results;
   std::string data;
 };
@@ -44,9 +54,15 @@ bool readOptions(int count, char** arguments, Options& options) {
   for (int at = 1; at < count; ++at) {
     const std::string argument = arguments[at];
     if (argument == "--slow-disk") {
-      options.plan.slowDisk = true;
-    } else if (argument == "--memory") {
-      options.plan.memoryOnly = true;
+      options.plan.kind = bench::Kind::kSlowDisk;
+    } else if (argument == "--busy") {
+      options.plan.kind = bench::Kind::kBusy;
+    } else if (argument == "--million") {
+      options.plan.kind = bench::Kind::kMillion;
+    } else if (argument == "--against" && at + 2 < count) {
+      options.plan.kind = bench::Kind::kAgainst;
+      options.other = arguments[++at];
+      options.plan.otherCommit = arguments[++at];
     } else if (argument == "--results" && at + 1 < count) {
       options.results = arguments[++at];
     } else if (argument == "--data" && at + 1 < count) {
@@ -61,10 +77,9 @@ bool readOptions(int count, char** arguments, Options& options) {
 appliance::EnterOptions serverOptions(const Options& options) {
   appliance::EnterOptions server;
   server.dataDirectory = std::filesystem::absolute(options.data);
-  server.keepsAwake = true;
   // A client that does not ask for anything else waits for its commits, as on any server.
   server.settings = {"shared_buffers=128MB", "synchronous_commit=on"};
-  if (options.plan.slowDisk) {
+  if (options.plan.kind == bench::Kind::kSlowDisk) {
     // The delay counts only where commits are flushed at all.
     server.fsync = true;
     server.settings.insert(server.settings.end(), {"commit_delay=10000", "commit_siblings=0"});
@@ -81,6 +96,36 @@ void moveWorkDirectoryToDisk() {
   }
 }
 
+std::optional<dev_t> deviceOf(const char* path) {
+  struct stat status = {};
+  if (stat(path, &status) != 0 || !S_ISCHR(status.st_mode)) {
+    return std::nullopt;
+  }
+  return status.st_rdev;
+}
+
+// Another commit's tool may ask the kernel for processors that stay awake, and is to be measured at its best. Only root
+// may ask.
+void offerLatencyDevice(std::optional<dev_t> device) {
+  if (device && geteuid() == 0 && !appliance::exists(kLatencyDevice) &&
+      mknod(kLatencyDevice, S_IFCHR | 0600, *device) != 0) {
+    throw std::runtime_error(formatText("mknod %s: %s", kLatencyDevice, std::strerror(errno)));
+  }
+}
+
+Descriptor openExisting(const std::string& path, int flags) {
+  Descriptor opened(open(path.c_str(), flags | O_CLOEXEC));
+  if (!opened) {
+    throw std::runtime_error(path + ": " + std::strerror(errno));
+  }
+  return opened;
+}
+
+void copyOtherTool(const Descriptor& program) {
+  appliance::makeDirectories(std::filesystem::path(kOtherTool).parent_path());
+  std::filesystem::copy_file(formatText("/proc/self/fd/%d", program.get()), kOtherTool);
+}
+
 // Written through a descriptor of the folder: inside the appliance its path may lead elsewhere.
 void writeResult(const Descriptor& folder, const char* name, const std::string& text) {
   const int file = openat(folder.get(), name, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -91,13 +136,22 @@ void writeResult(const Descriptor& folder, const char* name, const std::string& 
   }
 }
 
-void run(const Options& options) {
-  const Descriptor results(open(options.results.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!results) {
-    throw std::runtime_error(options.results + ": " + std::strerror(errno));
+void run(Options options) {
+  const Descriptor results = openExisting(options.results, O_RDONLY | O_DIRECTORY);
+  // Inside the appliance the machine's own files are out of sight.
+  Descriptor other;
+  std::optional<dev_t> latencyDevice;
+  if (options.plan.kind == bench::Kind::kAgainst) {
+    other = openExisting(options.other, O_RDONLY);
+    latencyDevice = deviceOf(kLatencyDevice);
   }
   appliance::enter(serverOptions(options));
   moveWorkDirectoryToDisk();
+  if (other) {
+    copyOtherTool(other);
+    offerLatencyDevice(latencyDevice);
+    options.plan.otherTool = kOtherTool;
+  }
   const std::vector<bench::Figure> figures = bench::measureAll(options.plan);
   const std::string table = bench::tableText(options.plan, figures);
   writeResult(results, "figures.csv", bench::figuresCsv(figures));
@@ -114,7 +168,9 @@ int main(int count, char** arguments) {
   try {
     Options options;
     if (!readOptions(count, arguments, options)) {
-      std::fprintf(stderr, "Usage: kavophoto_bench [--slow-disk | --memory] --results FOLDER --data FOLDER [ROWS]\n");
+      std::fprintf(stderr,
+                   "Usage: kavophoto_bench [--slow-disk | --busy | --million | --against TOOL COMMIT] "
+                   "--results FOLDER --data FOLDER [ROWS]\n");
       return 2;
     }
     run(options);

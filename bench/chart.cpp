@@ -46,7 +46,7 @@ const Style kName = {"end", 12, kInk, "normal"};
 const Style kValue = {"start", 11, kInk, "normal"};
 
 struct Pair {
-  const Figure* tenth;
+  const Figure* small;
   const Figure* whole;
 };
 
@@ -55,9 +55,9 @@ double microsecondsARow(const Figure& figure) { return figure.seconds * 1e6 / st
 std::vector<Pair> pairs(const std::vector<Figure>& figures) {
   std::vector<Pair> found;
   for (const Figure& figure : figures) {
-    const Figure* tenth = findFigure(figures, figure.step, figure.rows / 10);
-    if (tenth != nullptr && figure.step != step::kBackupPrograms) {
-      found.push_back({tenth, &figure});
+    const Figure* small = smallestBelow(figures, figure);
+    if (small != nullptr && figure.step != step::kBackupPrograms) {
+      found.push_back({small, &figure});
     }
   }
   return found;
@@ -68,21 +68,23 @@ double room() { return kWidth - kLeft - kRight; }
 // Draws from `y` on, which is moved below the panel.
 std::string growthPanel(const std::vector<Figure>& figures, double& y) {
   const std::vector<Pair> steps = pairs(figures);
+  if (steps.empty()) {
+    return "";
+  }
   double most = 1;
   for (const Pair& pair : steps) {
-    most = std::max({most, microsecondsARow(*pair.tenth), microsecondsARow(*pair.whole)});
+    most = std::max({most, microsecondsARow(*pair.small), microsecondsARow(*pair.whole)});
   }
   std::string svg = label(20, y + 24, "Microseconds a row", kTitle);
-  svg += label(20, y + 42,
-               "Light: a tenth of the rows. Dark: all rows. Equal bars mean that time grows in step with the rows.",
-               kNote);
+  svg +=
+      label(20, y + 42, "Light: few rows. Dark: many. Equal bars mean that time grows in step with the rows.", kNote);
   y += kPanelHead;
   for (const Pair& pair : steps) {
     svg += label(kLeft - 10, y + kBar + 4, pair.whole->step, kName);
-    for (const Figure* figure : {pair.tenth, pair.whole}) {
+    for (const Figure* figure : {pair.small, pair.whole}) {
       const double time = microsecondsARow(*figure);
       const double length = std::max(1.0, room() * time / most);
-      svg += rectangle(kLeft, y, length, kBar, figure == pair.tenth ? kLight : kDark);
+      svg += rectangle(kLeft, y, length, kBar, figure == pair.small ? kLight : kDark);
       svg += label(kLeft + length + 5, y + kBar - 1.5,
                    formatText("%.0f (%s rows)", time, withCommas(figure->rows).c_str()), kValue);
       y += kBar + 1;
@@ -127,7 +129,8 @@ std::string chartSvg(const Plan& plan, const std::vector<Figure>& figures) {
              "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"%.0f\" height=\"%.0f\" viewBox=\"0 0 %.0f %.0f\" "
              "font-family=\"Helvetica, Arial, sans-serif\" role=\"img\">\n<title>kavophoto_backup: time a row and "
              "comparisons, %s photos%s</title>\n",
-             kWidth, y, kWidth, y, withCommas(plan.rows).c_str(), plan.slowDisk ? ", 10 ms a commit" : "") +
+             kWidth, y, kWidth, y, withCommas(plan.rows).c_str(),
+             plan.kind == Kind::kSlowDisk ? ", 10 ms a commit" : "") +
          rectangle(0, 0, kWidth, y, "#ffffff") + body + "</svg>\n";
 }
 

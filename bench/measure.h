@@ -8,15 +8,13 @@ namespace bench {
 // What one run of a program took.
 struct Run {
   double seconds = 0;
-  // Transactions that the server ended for it and its children: its statements, but for those inside an explicit
-  // transaction.
-  long long transactions = 0;
   // Largest resident size of the program itself; its children do not count.
   long peakKilobytes = 0;
 };
 
-// Runs `program` (empty: the tool) inside the appliance, beginning with an idle server. Throws std::runtime_error when
-// it does not end with status 0 or when anything was logged meanwhile: a figure of a run that failed is none.
+// Runs `program` (a path inside the appliance; empty: the tool), beginning with an idle server. Throws
+// std::runtime_error when it does not end with status 0 or when anything was logged meanwhile: a figure of a run that
+// failed is none.
 Run runOnce(const std::string& program, const std::vector<std::string>& arguments);
 
 // The run of the median time.

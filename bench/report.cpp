@@ -8,21 +8,32 @@
 namespace bench {
 namespace {
 
+constexpr long kImageRows = 10000;
+constexpr long kImageRowsSlowDisk = 1000;
+constexpr long kAgainstRows = 10000;
 constexpr long kGoalRows = 100000;
-constexpr long kMemoryRows = 1000000;
-constexpr double kImagesTarget = 1.8;
-constexpr double kImagesTargetSlowDisk = 20;
-constexpr double kGrowthTarget = 1.1;
+constexpr long kMillionRows = 1000000;
+constexpr double kImagesTarget = 9;
+constexpr double kImagesTargetSlowDisk = 100;
+constexpr double kImagesTargetBusy = 4;
+constexpr double kBusyTarget = 1.5;
+constexpr double kAgainstTarget = 5;
+constexpr double kGrowthTarget = 1.05;
 constexpr double kRestoreTarget = 1.25;
-constexpr double kLogTarget = 60;
-constexpr double kRepairTarget = 30;
-constexpr double kMemoryTarget = 64;
 constexpr double kBackupTarget = 1.1;
+constexpr double kLogTarget = 2.5;
+constexpr double kRepairTarget = 2.5;
+constexpr double kImportSeconds = 300;
+constexpr double kRestoreSeconds = 330;
+constexpr double kRestoreOverFullSeconds = 400;
+constexpr double kMemoryTarget = 32;
 constexpr double kKilobytesOfMegabyte = 1024;
 
 constexpr const char* kNotMeasured = "not measured";
 
 std::string state(bool reached) { return reached ? "reached" : "MISSED"; }
+
+std::string toldAt(long rows) { return "told at " + withCommas(rows) + " rows"; }
 
 // The largest size at which a step was measured.
 const Figure* largest(const std::vector<Figure>& figures, const std::string& step) {
@@ -35,94 +46,119 @@ const Figure* largest(const std::vector<Figure>& figures, const std::string& ste
   return found;
 }
 
-Goal imagesGoal(const Plan& plan, const std::vector<Figure>& figures) {
-  const double target = plan.slowDisk ? kImagesTargetSlowDisk : kImagesTarget;
-  Goal goal = {plan.slowDisk ? "photos against the plain loop, 10 ms a commit" : "photos against the plain loop",
-               kNotMeasured, formatText("at least %.1f times as fast", target), ""};
-  const Figure* tool = largest(figures, step::kImages);
-  const Figure* plain = largest(figures, step::kImagesPlain);
-  if (tool != nullptr && plain != nullptr) {
-    const double ratio = plain->seconds / tool->seconds;
-    goal.figure = formatText("%.2f times as fast", ratio);
-    goal.state = state(ratio >= target);
+// A goal about the times of two steps.
+struct RatioGoal {
+  const char* what;
+  const char* step;
+  const char* reference;
+  // The goal: the step is `times` as fast as the reference or faster (kFaster), or takes at most `times` as long
+  // (kSlower).
+  enum class Direction { kFaster, kSlower } direction;
+  double times;
+  // Fewer rows than this do not tell.
+  long rows;
+};
+
+std::vector<RatioGoal> ratioGoals(Kind kind) {
+  using Direction = RatioGoal::Direction;
+  const RatioGoal images = {"photos against the plain loop",
+                            step::kImages,
+                            step::kImagesPlain,
+                            Direction::kFaster,
+                            kImagesTarget,
+                            kImageRows};
+  const RatioGoal restore = {"restore against import, empty live",
+                             step::kRestoreEmpty,
+                             step::kImportEmpty,
+                             Direction::kSlower,
+                             kRestoreTarget,
+                             kGoalRows};
+  switch (kind) {
+    case Kind::kOrdinary:
+      return {images,
+              restore,
+              {"backup against pg_dump, tar, 66 psql", step::kBackup, step::kBackupPrograms, Direction::kSlower,
+               kBackupTarget, 0}};
+    case Kind::kSlowDisk:
+      return {{"photos against the plain loop, 10 ms a commit", step::kImages, step::kImagesPlain, Direction::kFaster,
+               kImagesTargetSlowDisk, kImageRowsSlowDisk}};
+    case Kind::kBusy:
+      return {images,
+              {"photos against the plain loop, busy", step::kImagesBusy, step::kImagesPlainBusy, Direction::kFaster,
+               kImagesTargetBusy, kImageRows},
+              {"photos, busy against quiet", step::kImagesBusy, step::kImages, Direction::kSlower, kBusyTarget,
+               kImageRows}};
+    case Kind::kMillion:
+      return {restore};
+    case Kind::kAgainst:
+      return {{"import, all present, against the other commit", step::kImportFull, step::kImportFullOther,
+               Direction::kFaster, kAgainstTarget, kAgainstRows},
+              {"restore -o, all present, against the other commit", step::kRestoreOverFull, step::kRestoreOverFullOther,
+               Direction::kFaster, kAgainstTarget, kAgainstRows}};
+  }
+  return {};
+}
+
+Goal judgeRatio(const std::vector<Figure>& figures, const RatioGoal& ratioGoal) {
+  const bool faster = ratioGoal.direction == RatioGoal::Direction::kFaster;
+  const char* const unit = faster ? "times as fast" : "times as long";
+  Goal goal = {ratioGoal.what, kNotMeasured,
+               formatText("at %s %g %s", faster ? "least" : "most", ratioGoal.times, unit), toldAt(ratioGoal.rows)};
+  const Figure* figure = largest(figures, ratioGoal.step);
+  const Figure* reference = largest(figures, ratioGoal.reference);
+  if (figure == nullptr || reference == nullptr || figure->rows != reference->rows) {
+    return goal;
+  }
+  const double ratio = faster ? reference->seconds / figure->seconds : figure->seconds / reference->seconds;
+  goal.figure = formatText("%.2f %s, %s rows", ratio, unit, withCommas(figure->rows).c_str());
+  if (figure->rows >= ratioGoal.rows) {
+    goal.state = state(faster ? ratio >= ratioGoal.times : ratio <= ratioGoal.times);
   }
   return goal;
 }
 
 Goal growthGoal(const std::vector<Figure>& figures, const char* step) {
-  Goal goal = {std::string("growth of ") + step, kNotMeasured, formatText("exponent at most %.1f", kGrowthTarget), ""};
-  const Figure* figure = findFigure(figures, step, kGoalRows);
-  if (figure == nullptr || growthExponent(figures, *figure) == 0) {
-    figure = largest(figures, step);
-  }
-  if (figure == nullptr) {
+  Goal goal = {std::string("growth of ") + step, kNotMeasured, formatText("exponent at most %.2f", kGrowthTarget),
+               toldAt(kGoalRows)};
+  const Figure* figure = largest(figures, step);
+  const Figure* small = figure != nullptr ? smallestBelow(figures, *figure) : nullptr;
+  if (small == nullptr) {
     return goal;
   }
   const double exponent = growthExponent(figures, *figure);
-  if (exponent == 0) {
-    return goal;
-  }
-  goal.figure = formatText("exponent %.2f, %s to %s rows", exponent, withCommas(figure->rows / 10).c_str(),
+  goal.figure = formatText("exponent %.3f, %s to %s rows", exponent, withCommas(small->rows).c_str(),
                            withCommas(figure->rows).c_str());
-  goal.state =
-      figure->rows < kGoalRows ? "told at " + withCommas(kGoalRows) + " rows" : state(exponent <= kGrowthTarget);
-  return goal;
-}
-
-Goal restoreGoal(const std::vector<Figure>& figures) {
-  Goal goal = {"restore against import, empty live", kNotMeasured, formatText("at most %.2f times", kRestoreTarget),
-               ""};
-  const Figure* restore = largest(figures, step::kRestoreEmpty);
-  const Figure* import = largest(figures, step::kImportEmpty);
-  if (restore != nullptr && import != nullptr) {
-    const double ratio = restore->seconds / import->seconds;
-    goal.figure = formatText("%.2f times, %s rows", ratio, withCommas(restore->rows).c_str());
-    goal.state =
-        restore->rows < kGoalRows ? "told at " + withCommas(kGoalRows) + " rows" : state(ratio <= kRestoreTarget);
+  if (figure->rows >= kGoalRows) {
+    goal.state = state(exponent <= kGrowthTarget);
   }
   return goal;
 }
 
-Goal secondsGoal(const std::vector<Figure>& figures, const char* step, double target) {
-  Goal goal = {std::string(step) + ", " + withCommas(kGoalRows), kNotMeasured, formatText("at most %.0f s", target),
-               ""};
-  if (const Figure* figure = findFigure(figures, step, kGoalRows)) {
-    goal.figure = formatText("%.1f s", figure->seconds);
+Goal secondsGoal(const std::vector<Figure>& figures, const char* step, long rows, double target) {
+  Goal goal = {std::string(step) + ", " + withCommas(rows), kNotMeasured, formatText("at most %g s", target),
+               toldAt(rows)};
+  if (const Figure* figure = findFigure(figures, step, rows)) {
+    goal.figure = formatText("%.2f s", figure->seconds);
     goal.state = state(figure->seconds <= target);
   }
   return goal;
 }
 
 Goal memoryGoal(const std::vector<Figure>& figures) {
-  const Figure* most = nullptr;
-  for (const Figure& figure : figures) {
-    const bool ofTool = figure.step != step::kImagesPlain && figure.step != step::kBackupPrograms;
-    if (ofTool && (most == nullptr || figure.peakKilobytes > most->peakKilobytes)) {
-      most = &figure;
-    }
-  }
-  Goal goal = {"peak memory of the tool", kNotMeasured, formatText("at most %.0f MiB", kMemoryTarget), ""};
-  if (most == nullptr) {
+  Goal goal = {"peak memory of the tool", kNotMeasured, formatText("at most %g MiB", kMemoryTarget),
+               toldAt(kMillionRows)};
+  const auto most = std::max_element(figures.begin(), figures.end(), [](const Figure& one, const Figure& other) {
+    return one.peakKilobytes < other.peakKilobytes;
+  });
+  if (most == figures.end()) {
     return goal;
   }
   const double peak = static_cast<double>(most->peakKilobytes) / kKilobytesOfMegabyte;
   const Figure* import = largest(figures, step::kImportEmpty);
-  const bool large = import != nullptr && import->rows >= kMemoryRows;
+  const bool large = import != nullptr && import->rows >= kMillionRows;
   goal.figure = formatText("%.1f MiB (%s, %s rows)", peak, most->step.c_str(), withCommas(most->rows).c_str());
-  goal.state =
-      peak > kMemoryTarget || large ? state(peak <= kMemoryTarget) : "told at " + withCommas(kMemoryRows) + " rows";
-  return goal;
-}
-
-Goal backupGoal(const std::vector<Figure>& figures) {
-  Goal goal = {"backup against pg_dump, tar, 66 psql", kNotMeasured, formatText("at most %.1f times", kBackupTarget),
-               ""};
-  const Figure* backup = largest(figures, step::kBackup);
-  const Figure* programs = largest(figures, step::kBackupPrograms);
-  if (backup != nullptr && programs != nullptr) {
-    const double ratio = backup->seconds / programs->seconds;
-    goal.figure = formatText("%.2f times, %s rows", ratio, withCommas(backup->rows).c_str());
-    goal.state = state(ratio <= kBackupTarget);
+  if (large || peak > kMemoryTarget) {
+    goal.state = state(peak <= kMemoryTarget);
   }
   return goal;
 }
@@ -131,14 +167,10 @@ using Cells = std::vector<std::string>;
 
 Cells figureCells(const std::vector<Figure>& figures, const Figure& figure) {
   const double exponent = growthExponent(figures, figure);
-  const auto perSecond = [&figure](double count) {
-    return withCommas(std::llround(count / std::max(figure.seconds, 1e-9)));
-  };
   return {figure.step,
           withCommas(figure.rows),
           formatText("%.2f", figure.seconds),
-          perSecond(static_cast<double>(figure.rows)),
-          perSecond(static_cast<double>(figure.statements)),
+          withCommas(std::llround(static_cast<double>(figure.rows) / std::max(figure.seconds, 1e-9))),
           figure.peakKilobytes == 0
               ? "-"
               : formatText("%.1f", static_cast<double>(figure.peakKilobytes) / kKilobytesOfMegabyte),
@@ -153,7 +185,7 @@ struct Table {
 };
 
 Table figureTable(const std::vector<Figure>& figures) {
-  Table table = {{"step", "rows", "seconds", "rows/s", "statements/s", "peak MiB", "growth"}, {}, 1};
+  Table table = {{"step", "rows", "seconds", "rows/s", "peak MiB", "growth"}, {}, 1};
   for (const Figure& figure : figures) {
     table.lines.push_back(figureCells(figures, figure));
   }
@@ -217,7 +249,19 @@ std::string markdownTable(const Table& table) {
 }
 
 std::string headline(const Plan& plan) {
-  return withCommas(plan.rows) + " photos" + (plan.slowDisk ? ", a commit takes 10 ms" : "");
+  std::string photos = withCommas(plan.rows) + " photos";
+  switch (plan.kind) {
+    case Kind::kSlowDisk:
+      return photos + ", a commit takes 10 ms";
+    case Kind::kBusy:
+      return photos + ", quiet and beside as many busy processes as there are processors";
+    case Kind::kAgainst:
+      return photos + ", the other commit is " + plan.otherCommit;
+    case Kind::kOrdinary:
+    case Kind::kMillion:
+      break;
+  }
+  return photos;
 }
 
 std::string quoted(const std::string& text) { return "\"" + text + "\""; }
@@ -238,50 +282,61 @@ const Figure* findFigure(const std::vector<Figure>& figures, const std::string& 
   return found != figures.end() ? &*found : nullptr;
 }
 
+const Figure* smallestBelow(const std::vector<Figure>& figures, const Figure& figure) {
+  const Figure* found = nullptr;
+  for (const Figure& other : figures) {
+    if (other.step == figure.step && other.rows < figure.rows && (found == nullptr || other.rows < found->rows)) {
+      found = &other;
+    }
+  }
+  return found;
+}
+
 double growthExponent(const std::vector<Figure>& figures, const Figure& figure) {
-  const Figure* tenth = findFigure(figures, figure.step, figure.rows / 10);
-  if (tenth == nullptr || tenth->rows <= 0 || tenth->seconds <= 0) {
+  const Figure* small = smallestBelow(figures, figure);
+  if (small == nullptr || small->rows <= 0 || small->seconds <= 0) {
     return 0;
   }
-  return std::log(figure.seconds / tenth->seconds) /
-         std::log(static_cast<double>(figure.rows) / static_cast<double>(tenth->rows));
+  return std::log(figure.seconds / small->seconds) /
+         std::log(static_cast<double>(figure.rows) / static_cast<double>(small->rows));
 }
 
 std::vector<Goal> judge(const Plan& plan, const std::vector<Figure>& figures) {
-  if (plan.memoryOnly) {
-    return {memoryGoal(figures)};
+  std::vector<Goal> goals;
+  for (const RatioGoal& goal : ratioGoals(plan.kind)) {
+    goals.push_back(judgeRatio(figures, goal));
   }
-  std::vector<Goal> goals = {imagesGoal(plan, figures)};
-  if (plan.slowDisk) {
-    // The others are about the tool's own work, not the disk's.
+  if (plan.kind != Kind::kOrdinary && plan.kind != Kind::kMillion) {
     return goals;
   }
   for (const char* step :
        {step::kImportEmpty, step::kImportFull, step::kRestoreEmpty, step::kRestoreOverEmpty, step::kRestoreFull,
         step::kRestoreOverFull, step::kLogMerge, step::kRepairRestore, step::kRepairImport}) {
-    goals.push_back(growthGoal(figures, step));
+    if (largest(figures, step) != nullptr) {
+      goals.push_back(growthGoal(figures, step));
+    }
   }
-  goals.push_back(restoreGoal(figures));
-  goals.push_back(secondsGoal(figures, step::kLogMerge, kLogTarget));
-  goals.push_back(secondsGoal(figures, step::kRepairRestore, kRepairTarget));
-  goals.push_back(secondsGoal(figures, step::kRepairImport, kRepairTarget));
+  goals.push_back(secondsGoal(figures, step::kLogMerge, kGoalRows, kLogTarget));
+  goals.push_back(secondsGoal(figures, step::kRepairRestore, kGoalRows, kRepairTarget));
+  goals.push_back(secondsGoal(figures, step::kRepairImport, kGoalRows, kRepairTarget));
+  goals.push_back(secondsGoal(figures, step::kImportEmpty, kMillionRows, kImportSeconds));
+  goals.push_back(secondsGoal(figures, step::kRestoreEmpty, kMillionRows, kRestoreSeconds));
+  goals.push_back(secondsGoal(figures, step::kRestoreOverFull, kMillionRows, kRestoreOverFullSeconds));
   goals.push_back(memoryGoal(figures));
-  goals.push_back(backupGoal(figures));
   return goals;
 }
 
 std::vector<Comparison> compare(const Plan& plan, const std::vector<Figure>& figures) {
   std::vector<Comparison> comparisons;
-  const auto add = [&](const char* step, const char* reference, double target) {
-    const Figure* figure = largest(figures, step);
-    const Figure* other = largest(figures, reference);
-    if (figure != nullptr && other != nullptr) {
-      comparisons.push_back({step, reference, figure->seconds / other->seconds, target});
+  for (const RatioGoal& goal : ratioGoals(plan.kind)) {
+    const Figure* figure = largest(figures, goal.step);
+    const Figure* reference = largest(figures, goal.reference);
+    if (figure != nullptr && reference != nullptr) {
+      const bool faster = goal.direction == RatioGoal::Direction::kFaster;
+      comparisons.push_back(
+          {goal.step, goal.reference, figure->seconds / reference->seconds, faster ? 1 / goal.times : goal.times});
     }
-  };
-  add(step::kImages, step::kImagesPlain, 1 / (plan.slowDisk ? kImagesTargetSlowDisk : kImagesTarget));
-  add(step::kRestoreEmpty, step::kImportEmpty, kRestoreTarget);
-  add(step::kBackup, step::kBackupPrograms, kBackupTarget);
+  }
   return comparisons;
 }
 
@@ -296,12 +351,11 @@ std::string tableMarkdown(const Plan& plan, const std::vector<Figure>& figures) 
 }
 
 std::string figuresCsv(const std::vector<Figure>& figures) {
-  std::string text = "step,rows,seconds,rows_per_second,statements_per_second,peak_kib,growth_exponent\n";
+  std::string text = "step,rows,seconds,rows_per_second,peak_kib,growth_exponent\n";
   for (const Figure& figure : figures) {
     const double exponent = growthExponent(figures, figure);
-    text += formatText("%s,%ld,%.3f,%.1f,%.1f,%ld,%s\n", quoted(figure.step).c_str(), figure.rows, figure.seconds,
-                       static_cast<double>(figure.rows) / figure.seconds,
-                       static_cast<double>(figure.statements) / figure.seconds, figure.peakKilobytes,
+    text += formatText("%s,%ld,%.3f,%.1f,%ld,%s\n", quoted(figure.step).c_str(), figure.rows, figure.seconds,
+                       static_cast<double>(figure.rows) / figure.seconds, figure.peakKilobytes,
                        exponent == 0 ? "" : formatText("%.3f", exponent).c_str());
   }
   return text;

@@ -3,20 +3,25 @@
 #include <algorithm>
 #include <cstdio>
 #include <functional>
+#include <list>
 #include <stdexcept>
+#include <thread>
 
 #include "fill.h"
 #include "measure.h"
 #include "platform/text.h"
+#include "spinner.h"
 #include "support/appliance.h"
 
 namespace bench {
 namespace {
 
+// A merge takes no more log entries than these.
 constexpr long kLogRows = 100000;
 constexpr long kRepairRows = 100000;
 constexpr long kImageRows = 10000;
 constexpr long kImageRowsSlowDisk = 1000;
+constexpr long kSmallRows = 10000;
 
 constexpr const char* kSource = "source";
 // What is live when everything is present.
@@ -34,19 +39,23 @@ const std::string& work() {
 }
 
 void report(const Figure& figure) {
-  std::fprintf(stderr, "  %-24s %8ld rows %9.2f s\n", figure.step.c_str(), figure.rows, figure.seconds);
+  std::fprintf(stderr, "  %-38s %8ld rows %9.2f s\n", figure.step.c_str(), figure.rows, figure.seconds);
 }
 
-Figure makeFigure(const char* step, long rows, const Run& run, long long inTransaction) {
-  Figure figure = {step, rows, run.seconds, run.transactions + inTransaction, run.peakKilobytes};
+Figure makeFigure(const char* step, long rows, const Run& run) {
+  Figure figure = {step, rows, run.seconds, run.peakKilobytes};
   report(figure);
   return figure;
 }
 
-// Runs the tool with `arguments` several times, each time after `prepare`. `inTransaction` statements of a run stand in
-// a transaction of their own and are not seen by the server's count.
-Figure measureTool(const char* step, long rows, const Preparation& prepare, const std::vector<std::string>& arguments,
-                   long long inTransaction = 0) {
+// Another program's memory says nothing.
+Figure makeOtherFigure(const char* step, long rows, Run run) {
+  run.peakKilobytes = 0;
+  return makeFigure(step, rows, run);
+}
+
+// Runs the tool with `arguments` several times, each time after `prepare`.
+Figure measureTool(const char* step, long rows, const Preparation& prepare, const std::vector<std::string>& arguments) {
   std::vector<Run> runs;
   double seconds = 0;
   while (static_cast<int>(runs.size()) < kMostRuns && seconds < kEnoughSeconds) {
@@ -54,7 +63,7 @@ Figure measureTool(const char* step, long rows, const Preparation& prepare, cons
     runs.push_back(runOnce("", arguments));
     seconds += runs.back().seconds;
   }
-  return makeFigure(step, rows, median(runs), inTransaction);
+  return makeFigure(step, rows, median(runs));
 }
 
 void expectCount(const std::string& database, const std::string& table, long count) {
@@ -117,9 +126,7 @@ Run runBackupPrograms() {
                        table.c_str());
   }
   const std::string pack = "/bin/tar -zcf " + archive + " -C " + work() + " plain.dump\n";
-  Run run = runOnce("/bin/sh", {"-e", "-c", there + dumpTables + "\n" + pack + back});
-  // That of the shell says nothing.
-  run.peakKilobytes = 0;
+  const Run run = runOnce("/bin/sh", {"-e", "-c", there + dumpTables + "\n" + pack + back});
   appliance::removeAll(dump);
   appliance::removeAll(archive);
   return run;
@@ -133,12 +140,9 @@ void measureBackup(long rows, std::vector<Figure>& figures) {
     tool.push_back(runOnce("", {"-b", work()}));
     programs.push_back(runBackupPrograms());
   }
-  figures.push_back(makeFigure(step::kBackup, rows, median(tool), 0));
-  figures.push_back(makeFigure(step::kBackupPrograms, rows, median(programs), 0));
+  figures.push_back(makeFigure(step::kBackup, rows, median(tool)));
+  figures.push_back(makeOtherFigure(step::kBackupPrograms, rows, median(programs)));
 }
-
-// The log's statements stand in one transaction: a look-up of each entry, and what follows from it.
-enum class LogMerge { kKeeps = 1, kInserts = 2, kReplaces = 3 };
 
 void fillLive(const Library& library) {
   emptyLive();
@@ -155,33 +159,71 @@ void makeLiveTheSource() {
 
 std::vector<std::string> importArguments() { return {"-i", work(), "-d", kSource}; }
 
-void measureLibrary(long rows, std::vector<Figure>& figures) {
+std::vector<std::string> restoreArguments() { return {"-r", work()}; }
+
+std::vector<std::string> restoreOverArguments() { return {"-r", work(), "-o"}; }
+
+// The steps of a whole library; of those that no goal for a million photos needs, none when `forMillion` is set.
+void measureLibrary(long rows, bool forMillion, std::vector<Figure>& figures) {
   const Library library(rows);
-  const auto logStatements = [&library](LogMerge merge) { return library.logEntries * static_cast<long>(merge); };
   fillLive(library);
-  measureBackup(rows, figures);
+  if (forMillion) {
+    figures.push_back(makeFigure(step::kBackup, rows, runOnce("", {"-b", work()})));
+  } else {
+    measureBackup(rows, figures);
+  }
 
   makeLiveTheSource();
-  const std::vector<std::string> import = importArguments();
-  figures.push_back(measureTool(step::kImportEmpty, rows, emptyLive, import, logStatements(LogMerge::kInserts)));
+  figures.push_back(measureTool(step::kImportEmpty, rows, emptyLive, importArguments()));
   expectLibrary("photo", library);
   keepFull();
-  figures.push_back(measureTool(step::kImportFull, rows, fullLive, import, logStatements(LogMerge::kReplaces)));
+  if (!forMillion) {
+    figures.push_back(measureTool(step::kImportFull, rows, fullLive, importArguments()));
+    expectLibrary("photo", library, Links::kTwice);
+    figures.push_back(measureTool(step::kRestoreFull, rows, fullLive, restoreArguments()));
+    expectLibrary("photo", library);
+  }
+  figures.push_back(measureTool(step::kRestoreOverFull, rows, fullLive, restoreOverArguments()));
   expectLibrary("photo", library, Links::kTwice);
-
-  const std::vector<std::string> restore = {"-r", work()};
-  const std::vector<std::string> restoreOver = {"-r", work(), "-o"};
-  figures.push_back(measureTool(step::kRestoreFull, rows, fullLive, restore, logStatements(LogMerge::kKeeps)));
+  figures.push_back(measureTool(step::kRestoreEmpty, rows, emptyLive, restoreArguments()));
   expectLibrary("photo", library);
-  figures.push_back(
-      measureTool(step::kRestoreOverFull, rows, fullLive, restoreOver, logStatements(LogMerge::kReplaces)));
-  expectLibrary("photo", library, Links::kTwice);
-  figures.push_back(measureTool(step::kRestoreEmpty, rows, emptyLive, restore, logStatements(LogMerge::kInserts)));
-  expectLibrary("photo", library);
-  figures.push_back(
-      measureTool(step::kRestoreOverEmpty, rows, emptyLive, restoreOver, logStatements(LogMerge::kInserts)));
-  expectLibrary("photo", library);
+  if (!forMillion) {
+    figures.push_back(measureTool(step::kRestoreOverEmpty, rows, emptyLive, restoreOverArguments()));
+    expectLibrary("photo", library);
+  }
   appliance::dropDatabase(kFull);
+}
+
+// The merges into what is already there, by the tool and by that of another commit in turns.
+void measureAgainst(const Plan& plan, std::vector<Figure>& figures) {
+  const Library library(plan.rows);
+  fillLive(library);
+  runOnce("", {"-b", work()});
+  makeLiveTheSource();
+  emptyLive();
+  runOnce("", importArguments());
+  keepFull();
+
+  struct Merge {
+    const char* step;
+    const char* stepOther;
+    std::vector<std::string> arguments;
+  };
+  for (const Merge& merge : {Merge{step::kImportFull, step::kImportFullOther, importArguments()},
+                             Merge{step::kRestoreOverFull, step::kRestoreOverFullOther, restoreOverArguments()}}) {
+    std::vector<Run> tool;
+    std::vector<Run> other;
+    for (int run = 0; run < kMostRuns; ++run) {
+      fullLive();
+      tool.push_back(runOnce("", merge.arguments));
+      expectLibrary("photo", library, Links::kTwice);
+      fullLive();
+      other.push_back(runOnce(plan.otherTool, merge.arguments));
+      expectLibrary("photo", library, Links::kTwice);
+    }
+    figures.push_back(makeFigure(merge.step, plan.rows, median(tool)));
+    figures.push_back(makeOtherFigure(merge.stepOther, plan.rows, median(other)));
+  }
 }
 
 // Every other entry is there already.
@@ -192,7 +234,7 @@ void measureLogMerge(long rows, std::vector<Figure>& figures) {
     emptyLive();
     fillLog("photo", 1, rows);
   };
-  figures.push_back(measureTool(step::kLogMerge, rows, prepare, importArguments(), 2 * rows + rows / 2));
+  figures.push_back(measureTool(step::kLogMerge, rows, prepare, importArguments()));
   expectCount("photo", "photo_log", rows + rows / 2);
 }
 
@@ -212,41 +254,68 @@ void measurePathRepair(long rows, std::vector<Figure>& figures) {
   expectCount(kSource, "photo_image WHERE path LIKE '/var/services/photo%'", rows);
 }
 
+long imageRows(const Plan& plan) {
+  switch (plan.kind) {
+    case Kind::kBusy:
+      return plan.rows;
+    case Kind::kSlowDisk:
+      return std::min(plan.rows, kImageRowsSlowDisk);
+    default:
+      return std::min(plan.rows, kImageRows);
+  }
+}
+
 // Photos with their comments and labels into a database that has the labels only, by the tool and by the plain loop in
-// turns.
+// turns, and for kBusy in the same turns again while as many other processes as there are processors are at work.
 void measureImages(const Plan& plan, std::vector<Figure>& figures) {
-  const Library library(std::min(plan.rows, plan.slowDisk ? kImageRowsSlowDisk : kImageRows));
+  const Library library(imageRows(plan));
   appliance::createDatabase(kSource);
   fillLabels(kSource);
   fillPhotos(kSource, library);
-  const auto prepare = [] {
+
+  const auto runBeside = [&library](std::size_t spinners, const char* program,
+                                    const std::vector<std::string>& arguments) {
     emptyLive();
     fillLabels("photo");
+    Run run;
+    {
+      const std::list<Spinner> others(spinners);
+      run = runOnce(program, arguments);
+    }
+    expectPhotos("photo", library, Links::kOnce);
+    return run;
   };
-  std::vector<Run> tool;
-  std::vector<Run> plain;
-  for (int run = 0; run < kMostRuns; ++run) {
-    prepare();
-    tool.push_back(runOnce("", importArguments()));
-    expectPhotos("photo", library, Links::kOnce);
-    prepare();
-    plain.push_back(runOnce(BENCH_PLAIN_LOOP, {"photo", kSource}));
-    expectPhotos("photo", library, Links::kOnce);
+  struct Surroundings {
+    const char* stepTool;
+    const char* stepPlain;
+    std::size_t spinners;
+    std::vector<Run> tool;
+    std::vector<Run> plain;
+  };
+  std::vector<Surroundings> all = {{step::kImages, step::kImagesPlain, 0, {}, {}}};
+  if (plan.kind == Kind::kBusy) {
+    all.push_back({step::kImagesBusy, step::kImagesPlainBusy, std::thread::hardware_concurrency(), {}, {}});
   }
-  figures.push_back(makeFigure(step::kImages, library.photos, median(tool), 0));
-  figures.push_back(makeFigure(step::kImagesPlain, library.photos, median(plain), 0));
+  for (int run = 0; run < kMostRuns; ++run) {
+    for (Surroundings& one : all) {
+      one.tool.push_back(runBeside(one.spinners, "", importArguments()));
+      one.plain.push_back(runBeside(one.spinners, BENCH_PLAIN_LOOP, {"photo", kSource}));
+    }
+  }
+  for (const Surroundings& one : all) {
+    figures.push_back(makeFigure(one.stepTool, library.photos, median(one.tool)));
+    figures.push_back(makeOtherFigure(one.stepPlain, library.photos, median(one.plain)));
+  }
 }
 
-void measureMemory(long rows, std::vector<Figure>& figures) {
-  const Library library(rows);
-  fillLive(library);
-  figures.push_back(makeFigure(step::kBackup, rows, runOnce("", {"-b", work()}), 0));
-  makeLiveTheSource();
-  const long long logStatements = library.logEntries * static_cast<long>(LogMerge::kInserts);
-  figures.push_back(measureTool(step::kImportEmpty, rows, emptyLive, importArguments(), logStatements));
-  expectLibrary("photo", library);
-  figures.push_back(measureTool(step::kRestoreEmpty, rows, emptyLive, {"-r", work()}, logStatements));
-  expectLibrary("photo", library);
+void measureLogsAndPaths(long rows, std::vector<Figure>& figures) {
+  measureLogMerge(kLogRows / 10, figures);
+  measureLogMerge(kLogRows, figures);
+  measurePathRepair(kRepairRows / 10, figures);
+  measurePathRepair(kRepairRows, figures);
+  if (rows > kRepairRows) {
+    measurePathRepair(rows, figures);
+  }
 }
 
 }  // namespace
@@ -254,21 +323,24 @@ void measureMemory(long rows, std::vector<Figure>& figures) {
 std::vector<Figure> measureAll(const Plan& plan) {
   std::vector<Figure> figures;
   makeFiles(Library(plan.rows));
-  if (plan.memoryOnly) {
-    measurePathRepair(plan.rows, figures);
-    measureMemory(plan.rows, figures);
-    return figures;
+  const bool forMillion = plan.kind == Kind::kMillion;
+  switch (plan.kind) {
+    case Kind::kBusy:
+      measureImages(plan, figures);
+      break;
+    case Kind::kAgainst:
+      measureAgainst(plan, figures);
+      break;
+    case Kind::kOrdinary:
+    case Kind::kSlowDisk:
+      measureImages(plan, figures);
+      [[fallthrough]];
+    case Kind::kMillion:
+      measureLogsAndPaths(plan.rows, figures);
+      measureLibrary(std::min(plan.rows / 10, kSmallRows), forMillion, figures);
+      measureLibrary(plan.rows, forMillion, figures);
+      break;
   }
-  measureImages(plan, figures);
-  measureLogMerge(kLogRows / 10, figures);
-  measureLogMerge(kLogRows, figures);
-  measurePathRepair(kRepairRows / 10, figures);
-  measurePathRepair(kRepairRows, figures);
-  if (plan.rows > kRepairRows) {
-    measurePathRepair(plan.rows, figures);
-  }
-  measureLibrary(plan.rows / 10, figures);
-  measureLibrary(plan.rows, figures);
   return figures;
 }
 
