@@ -63,7 +63,7 @@ int dumpAccounts(const std::string& path, const char* table, const char* suffix,
     return -1;
   }
   Result rows;
-  if (!execute(connection, formatText("Select * from %s%s", table, suffix), rows)) {
+  if (!execute(connection, rows, "Select * from %s%s", Name(table), Name(suffix))) {
     return -1;
   }
   File file = openToAppend(path);
@@ -90,93 +90,104 @@ SzHashHandle readAccounts(const std::string& path) {
   return accounts;
 }
 
-// False when the reader must stop, which is then logged.
-bool mergeUserRight(DBConnect_tag* live, DBConnect_tag* source, const Result& right, const SzHash& accounts,
-                    const char* table, const char* suffix) {
-  const std::string userid = fieldText(right, "userid", kNumberCapacity);
-  const std::string* name = KLIBCSzHashGetValue(accounts, userid);
-  if (name == nullptr) {
-    KAVO_LOG("Failed to fetch hox user (%s)", userid.c_str());
+std::optional<long long> userNumber(const std::string& name) {
+  KAVOUser* user = nullptr;
+  if (KAVOUserGet(name.c_str(), &user) < 0) {
+    return std::nullopt;
+  }
+  return UserHandle(user)->uid;
+}
+
+std::optional<long long> groupNumber(const std::string& name) {
+  KAVOGroup* account = nullptr;
+  if (KAVOGroupGet(name.c_str(), &account) < 0) {
+    return std::nullopt;
+  }
+  return GroupHandle(account)->gid;
+}
+
+// A table of rights that is keyed by a kind of host account.
+struct HostTable {
+  const char* table;
+  const char* column;
+  // "user" or "group".
+  const char* kind;
+  std::optional<long long> (*numberOf)(const std::string& name);
+};
+
+// A right that an account of the source has on a share.
+struct Right {
+  Raw savedNumber;
+  bool isKnown = false;
+  // What the account's name has here.
+  long long number = 0;
+  Raw share;
+  Raw permission;
+  Text createTime;
+};
+
+// A right is looked for under the account's number of this machine, and inserted under the saved one.
+std::vector<std::string> keysOf(const Right& right) { return {std::to_string(right.number), right.savedNumber.text}; }
+
+// Nothing for a right of an account that this machine lacks.
+std::optional<Right> readRight(const HostTable& host, const SzHash& accounts, const Result& row) {
+  Right right;
+  right.savedNumber = rawField(row, host.column, kNumberCapacity);
+  right.share = rawField(row, "shareid", kNumberCapacity);
+  right.permission = rawField(row, "permission", kPermissionCapacity);
+  right.createTime = textField(row, "create_time", kTimeCapacity);
+  const std::string* name = KLIBCSzHashGetValue(accounts, right.savedNumber.text);
+  right.isKnown = name != nullptr;
+  if (!right.isKnown) {
+    return right;
+  }
+  const std::optional<long long> number = host.numberOf(*name);
+  if (!number) {
+    return std::nullopt;
+  }
+  right.number = *number;
+  return right;
+}
+
+// False when the reader must stop, which is then logged. `insert` makes the statement that inserts the right on the
+// live share.
+bool mergeRight(const Sides& sides, const HostTable& host, const Right& right,
+                const std::function<Statement(const Right& right, const Raw& liveShare)>& insert) {
+  if (!right.isKnown) {
+    KAVO_LOG("Failed to fetch hox %s (%s)", host.kind, right.savedNumber.text.c_str());
     return false;
   }
-  KAVOUser* found = nullptr;
-  if (KAVOUserGet(name->c_str(), &found) < 0) {
-    return true;
-  }
-  const UserHandle user(found);
-  const long long uid = user->uid;
+  const Name table = host.table;
+  const Name column = host.column;
   Result rights;
-  if (!execute(live, formatText("Select * from %s where userid = %lld", table, uid), rights)) {
+  if (!execute(sides.destination, rights, "Select * from %s where %s = %s", table, column, right.number)) {
     return false;
   }
   if (hasRows(rights) && !gIsOverwiroteMode) {
     return true;
   }
-  const std::string shareid = fieldText(right, "shareid", kNumberCapacity);
-  const std::string createTime = escapeText(fieldText(right, "create_time", kTimeCapacity));
-  if (!execute(live, formatText("Delete from %s where userid = %lld and shareid = %s", table, uid, shareid.c_str()),
-               RawValues{{}, {shareid}})) {
+  if (!execute(sides.destination, "Delete from %s where %s = %s and shareid = %s", table, column, right.number,
+               right.share)) {
     return false;
   }
-  std::string liveShare;
-  const Lookup share = findShare(live, source, suffix, shareid, kWhole, liveShare);
+  Raw liveShare;
+  const Lookup share = findShare(sides, right.share, kWhole, liveShare);
   if (share != Lookup::kFound) {
     return share == Lookup::kMissing;
   }
-  // The row keeps the number that it was saved with, although the user may have another one here.
-  return execute(live,
-                 formatText("Delete from %s where userid = %lld and shareid = %s", table, uid, liveShare.c_str())) &&
-         execute(live,
-                 formatText("Insert into %s Values (%s, %s, '%s')", table, userid.c_str(), liveShare.c_str(),
-                            createTime.c_str()),
-                 RawValues{{}, {userid}});
+  // The row keeps the number that it was saved with, although the account may have another one here.
+  return execute(sides.destination, "Delete from %s where %s = %s and shareid = %s", table, column, right.number,
+                 liveShare) &&
+         execute(sides.destination, insert(right, liveShare));
 }
 
-// False when the reader must stop, which is then logged.
-bool mergeGroupPermission(DBConnect_tag* live, DBConnect_tag* source, const Result& right, const SzHash& accounts,
-                          const char* suffix) {
-  const std::string groupid = fieldText(right, "groupid", kNumberCapacity);
-  const std::string* name = KLIBCSzHashGetValue(accounts, groupid);
-  if (name == nullptr) {
-    KAVO_LOG("Failed to fetch hox group (%s)", groupid.c_str());
-    return false;
-  }
-  KAVOGroup* found = nullptr;
-  if (KAVOGroupGet(name->c_str(), &found) < 0) {
-    return true;
-  }
-  const GroupHandle account(found);
-  const long long gid = account->gid;
-  Result permissions;
-  if (!execute(live, formatText("Select * from photo_group_permission_for_hox_account where groupid = %lld", gid),
-               permissions)) {
-    return false;
-  }
-  if (hasRows(permissions) && !gIsOverwiroteMode) {
-    return true;
-  }
-  const std::string shareid = fieldText(right, "shareid", kNumberCapacity);
-  const std::string permission = fieldText(right, "permission", kPermissionCapacity);
-  const std::string createTime = escapeText(fieldText(right, "create_time", kTimeCapacity));
-  if (!execute(live,
-               formatText("Delete from photo_group_permission_for_hox_account where groupid = %lld and shareid = %s",
-                          gid, shareid.c_str()),
-               RawValues{{}, {shareid}})) {
-    return false;
-  }
-  std::string liveShare;
-  const Lookup share = findShare(live, source, suffix, shareid, kWhole, liveShare);
-  if (share != Lookup::kFound) {
-    return share == Lookup::kMissing;
-  }
-  return execute(live,
-                 formatText("Delete from photo_group_permission_for_hox_account where groupid = %lld and shareid = %s",
-                            gid, liveShare.c_str())) &&
-         execute(live,
-                 formatText("Insert into photo_group_permission_for_hox_account(groupid, shareid, permission, "
-                            "create_time) Values (%s, %s, %s, '%s')",
-                            groupid.c_str(), liveShare.c_str(), permission.c_str(), createTime.c_str()),
-                 RawValues{{}, {groupid, permission}});
+int mergeRights(const Sides& sides, const HostTable& host, const std::string& accountFile,
+                const std::function<Statement(const Right& right, const Raw& liveShare)>& insert) {
+  const SzHashHandle accounts = readAccounts(accountFile);
+  return mergeRows(
+      sides, sql("Select * from %s%s", Name(host.table), sides.suffix),
+      [&](const Result& row) { return readRight(host, *accounts, row); },
+      [&](const Right& right) { return mergeRight(sides, host, right, insert); });
 }
 
 }  // namespace
@@ -197,29 +208,20 @@ int KavophotoDumpHoxGroupOnDB(const char* dir, const char* table, const char* su
 
 int KavophotoSyncHoxUserRights(DBConnect_tag* live, DBConnect_tag* source, const char* dir, const char* table,
                                const char* suffix) {
-  const SzHashHandle accounts = readAccounts(joinPath(dir, "kavophoto_backup_hox_account.txt"));
-  Result rights;
-  if (!execute(source, formatText("Select * from %s%s", table, suffix), rights)) {
-    return -1;
-  }
-  while (fetchRow(rights)) {
-    if (!mergeUserRight(live, source, rights, *accounts, table, suffix)) {
-      return -1;
-    }
-  }
-  return 0;
+  return mergeRights({live, source, suffix}, {table, "userid", "user", userNumber},
+                     joinPath(dir, "kavophoto_backup_hox_account.txt"), [table](const Right& right, const Raw& share) {
+                       return sql("Insert into %s Values (%s, %s, '%s')", Name(table), right.savedNumber, share,
+                                  right.createTime);
+                     });
 }
 
 int KavophotoSyncHoxGroupPermission(DBConnect_tag* live, DBConnect_tag* source, const char* dir, const char* suffix) {
-  const SzHashHandle accounts = readAccounts(joinPath(dir, "/kavophoto_backup_hox_group_account.txt"));
-  Result permissions;
-  if (!execute(source, formatText("Select * from photo_group_permission_for_hox_account%s", suffix), permissions)) {
-    return -1;
-  }
-  while (fetchRow(permissions)) {
-    if (!mergeGroupPermission(live, source, permissions, *accounts, suffix)) {
-      return -1;
-    }
-  }
-  return 0;
+  return mergeRights(
+      {live, source, suffix}, {"photo_group_permission_for_hox_account", "groupid", "group", groupNumber},
+      joinPath(dir, "/kavophoto_backup_hox_group_account.txt"), [](const Right& right, const Raw& share) {
+        return sql(
+            "Insert into photo_group_permission_for_hox_account(groupid, shareid, permission, "
+            "create_time) Values (%s, %s, %s, '%s')",
+            right.savedNumber, share, right.permission, right.createTime);
+      });
 }

@@ -3,9 +3,9 @@
 #include <string>
 #include <string_view>
 
+#include "platform/for_each_row.h"
 #include "platform/log.h"
 #include "platform/progress.h"
-#include "platform/query.h"
 #include "platform/share.h"
 #include "platform/text.h"
 
@@ -23,6 +23,13 @@ void readRelativePart(std::string_view path, std::string& relative) {
     relative = path.substr(slash + 1);
   }
 }
+
+struct Repair {
+  Text oldPath;
+  Text newPath;
+};
+
+std::vector<std::string> keysOf(const Repair& repair) { return {repair.oldPath.text}; }
 
 }  // namespace
 
@@ -42,23 +49,22 @@ int KavophotoCheckPath(DBConnect_tag* connection, const char* /*database*/, cons
   const std::string sharePath = cutText(share->path, kPathCapacity);
 
   Result rows;
-  if (!execute(connection, formatText("Select %s from %s", column, table), rows)) {
+  if (!execute(connection, rows, "Select %s from %s", Name(column), Name(table))) {
     return -1;
   }
   // Kept from row to row: a path without a relative part of its own takes the last one.
   std::string relative;
-  while (fetchRow(rows)) {
-    const std::string oldPath = fieldText(rows, column, kColumnCapacity);
-    if (oldPath.find(sharePath) != std::string::npos) {
-      continue;
+  const auto readPath = [&](const Result& row) {
+    Repair repair = {textField(row, column, kColumnCapacity), {}};
+    if (repair.oldPath.text.find(sharePath) != std::string::npos) {
+      return std::optional<Repair>();
     }
-    readRelativePart(cutText(oldPath, kPathCapacity), relative);
-    const std::string newPath = escapeText(cutText(sharePath + relative, kColumnCapacity));
-    const std::string escapedOldPath = escapeText(oldPath);
-    if (!execute(connection, formatText("Update %s set %s = '%s' where %s = '%s'", table, column, newPath.c_str(),
-                                        column, escapedOldPath.c_str()))) {
-      return -1;
-    }
-  }
-  return 0;
+    readRelativePart(cutText(repair.oldPath.text, kPathCapacity), relative);
+    repair.newPath.text = cutText(sharePath + relative, kColumnCapacity);
+    return std::optional(std::move(repair));
+  };
+  return forEachRow({connection, connection}, rows, readPath, [&](const Repair& repair) {
+    return execute(connection, "Update %s set %s = '%s' where %s = '%s'", Name(table), Name(column), repair.newPath,
+                   Name(column), repair.oldPath);
+  });
 }

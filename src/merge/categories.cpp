@@ -1,37 +1,37 @@
 #include "merge/common.h"
 #include "merge/merge.h"
-#include "platform/text.h"
 
 namespace {
 
 constexpr std::size_t kFlagCapacity = 16;
 
 // The dates are those of the source, as it prints them, not the time of the merge.
-Merged mergeCategory(DBConnect_tag* destination, const Result& category) {
-  const std::string name = escapeText(fieldText(category, "name", kNameCapacity));
-  const std::string hidden = fieldText(category, "hidden", kFlagCapacity);
-  const std::string orderNumber = fieldText(category, "order_number", kNumberCapacity);
-  const std::string createDate = fieldText(category, "create_date", kNumberCapacity);
-  const std::string modifyDate = fieldText(category, "modify_date", kNumberCapacity);
-  return mergeRow(destination, formatText("Select * from category where name = '%s'", name.c_str()),
-                  formatText("Delete from category where name = '%s'", name.c_str()),
-                  formatText("Insert into category (name, hidden, order_number, create_date, modify_date) Values "
-                             "('%s', '%s', '%s', '%s', '%s')",
-                             name.c_str(), hidden.c_str(), orderNumber.c_str(), createDate.c_str(), modifyDate.c_str()),
-                  {}, {{hidden, orderNumber, createDate, modifyDate}, {}});
+struct Category {
+  Text name;
+  Raw hidden;
+  Raw orderNumber;
+  Raw createDate;
+  Raw modifyDate;
+};
+
+std::vector<std::string> keysOf(const Category& category) { return {category.name.text}; }
+
+std::optional<Category> readCategory(const Result& row) {
+  return Category{textField(row, "name", kNameCapacity), rawField(row, "hidden", kFlagCapacity),
+                  rawField(row, "order_number", kNumberCapacity), rawField(row, "create_date", kNumberCapacity),
+                  rawField(row, "modify_date", kNumberCapacity)};
 }
 
 }  // namespace
 
 int KavophotoSyncCategory(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix) {
-  Result categories;
-  if (!execute(source, formatText("Select * from category%s", suffix), categories)) {
-    return -1;
-  }
-  while (fetchRow(categories)) {
-    if (mergeCategory(destination, categories) == Merged::kFailed) {
-      return -1;
-    }
-  }
-  return 0;
+  const Sides sides = {destination, source, suffix};
+  return mergeRows(sides, sql("Select * from category%s", sides.suffix), readCategory, [&](const Category& category) {
+    return mergeRow(
+        destination, sql("Select * from category where name = '%s'", category.name),
+        sql("Delete from category where name = '%s'", category.name),
+        sql("Insert into category (name, hidden, order_number, create_date, modify_date) Values "
+            "('%s', '%s', '%s', '%s', '%s')",
+            category.name, category.hidden, category.orderNumber, category.createDate, category.modifyDate));
+  });
 }

@@ -3,8 +3,6 @@
 #include "merge/common.h"
 #include "merge/merge.h"
 #include "platform/log.h"
-#include "platform/overwrite_mode.h"
-#include "platform/text.h"
 
 namespace {
 
@@ -30,86 +28,79 @@ const MemberKind* kindOf(const std::string& type) {
   return nullptr;
 }
 
+struct Item {
+  const MemberKind* kind;
+  Text categoryName;
+  Raw sourceCategory;
+  Raw orderNumber;
+  Raw number;
+};
+
+// What a row inserts, with the live category, may be what another one with the same member looks for, with the
+// source's.
+std::vector<std::string> keysOf(const Item& item) { return {item.kind->type + item.number.text}; }
+
+std::optional<Item> readItem(const Result& row) {
+  const MemberKind* kind = kindOf(fieldText(row, "type", kTypeCapacity));
+  if (kind == nullptr) {
+    return std::nullopt;
+  }
+  return Item{kind, textField(row, "name", kNameCapacity), rawField(row, "category_id", kNumberCapacity),
+              rawField(row, "order_number", kNumberCapacity), rawField(row, kind->column, kNumberCapacity)};
+}
+
 // Albums and tags are rows of the database and must be there; smart albums are not.
-Lookup findMember(DBConnect_tag* destination, const MemberKind& kind, const std::string& number) {
-  if (&kind == &kSmart) {
+Lookup findMember(DBConnect_tag* destination, const Item& item) {
+  if (item.kind == &kSmart) {
     return Lookup::kFound;
   }
   Result member;
-  const std::string statement = &kind == &kAlbum
-                                    ? formatText("select * from photo_share where shareid = '%s'", number.c_str())
-                                    : formatText("select * from photo_label where id = '%s'", number.c_str());
-  if (!execute(destination, statement, {{number}, {}}, member)) {
+  if (!execute(destination, member,
+               item.kind == &kAlbum ? sql("select * from photo_share where shareid = '%s'", item.number)
+                                    : sql("select * from photo_label where id = '%s'", item.number))) {
     return Lookup::kFailed;
   }
   return hasRows(member) ? Lookup::kFound : Lookup::kMissing;
 }
 
-bool mergeItem(DBConnect_tag* destination, const Result& row) {
-  const std::string categoryName = escapeText(fieldText(row, "name", kNameCapacity));
-  const std::string sourceCategory = fieldText(row, "category_id", kNumberCapacity);
-  const std::string orderNumber = fieldText(row, "order_number", kNumberCapacity);
-  const MemberKind* kind = kindOf(fieldText(row, "type", kTypeCapacity));
-  if (kind == nullptr) {
-    return true;
-  }
-  const std::string number = fieldText(row, kind->column, kNumberCapacity);
-
+bool mergeItem(DBConnect_tag* destination, const Item& item) {
+  const Name column = item.kind->column;
   // The test and the delete take the source's category number as it is, only the insert takes the live one.
+  const Room room = makeRoom(destination,
+                             sql("Select * from category_items where category_id = '%s' and %s = '%s'",
+                                 item.sourceCategory, column, item.number),
+                             sql("Delete from category_items where category_id = '%s' and %s = '%s'",
+                                 item.sourceCategory, column, item.number));
+  if (room != Room::kFree) {
+    return room == Room::kTaken;
+  }
+  const Statement findCategory = sql("select id, name from category where name = '%s'", item.categoryName);
   Result live;
-  if (!execute(destination,
-               formatText("Select * from category_items where category_id = '%s' and %s = '%s'", sourceCategory.c_str(),
-                          kind->column, number.c_str()),
-               {{sourceCategory, number}, {}}, live)) {
-    return false;
-  }
-  if (hasRows(live)) {
-    if (!gIsOverwiroteMode) {
-      return true;
-    }
-    if (!execute(destination,
-                 formatText("Delete from category_items where category_id = '%s' and %s = '%s'", sourceCategory.c_str(),
-                            kind->column, number.c_str()),
-                 RawValues{{sourceCategory, number}, {}})) {
-      return false;
-    }
-  }
-
-  const std::string findCategory = formatText("select id, name from category where name = '%s'", categoryName.c_str());
-  if (!execute(destination, findCategory, live)) {
+  if (!execute(destination, live, findCategory)) {
     return false;
   }
   if (!fetchRow(live)) {
-    KAVO_LOG("Failed to fetch row [%s]", findCategory.c_str());
+    KAVO_LOG("Failed to fetch row [%s]", statementText(findCategory).c_str());
     return false;
   }
-  const std::string category = fieldText(live, "id", kNumberCapacity);
-  const Lookup member = findMember(destination, *kind, number);
+  const Raw category = rawField(live, "id", kNumberCapacity);
+  const Lookup member = findMember(destination, item);
   if (member != Lookup::kFound) {
     return member == Lookup::kMissing;
   }
   return execute(destination,
-                 formatText("Insert into category_items (category_id, type, order_number, %s) Values "
-                            "('%s', '%s', '%s', '%s')",
-                            kind->column, category.c_str(), kind->type, orderNumber.c_str(), number.c_str()),
-                 RawValues{{orderNumber, number}, {}});
+                 "Insert into category_items (category_id, type, order_number, %s) Values ('%s', '%s', '%s', '%s')",
+                 column, category, Text{item.kind->type}, item.orderNumber, item.number);
 }
 
 }  // namespace
 
 int KavophotoSyncCategoryItems(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix) {
-  Result items;
-  if (!execute(source,
-               formatText("Select * from category_items%s left join category%s on "
-                          "category%s.id=category_items%s.category_id",
-                          suffix, suffix, suffix, suffix),
-               items)) {
-    return -1;
-  }
-  while (fetchRow(items)) {
-    if (!mergeItem(destination, items)) {
-      return -1;
-    }
-  }
-  return 0;
+  const Sides sides = {destination, source, suffix};
+  const Name& end = sides.suffix;
+  return mergeRows(sides,
+                   sql("Select * from category_items%s left join category%s on "
+                       "category%s.id=category_items%s.category_id",
+                       end, end, end, end),
+                   readItem, [&](const Item& item) { return mergeItem(destination, item); });
 }

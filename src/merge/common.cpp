@@ -7,23 +7,24 @@
 
 #include "platform/log.h"
 #include "platform/overwrite_mode.h"
-#include "platform/text.h"
 
-Merged mergeRow(DBConnect_tag* destination, const std::string& lookUp, const std::string& remove,
-                const std::string& insert, const RawValues& rawInKey, const RawValues& rawInInsert, int line) {
+Room makeRoom(DBConnect_tag* destination, const Statement& lookUp, const Statement& remove) {
   Result found;
-  if (!execute(destination, lookUp, rawInKey, found, line)) {
-    return Merged::kFailed;
+  if (!execute(destination, found, lookUp)) {
+    return Room::kFailed;
   }
-  if (hasRows(found)) {
-    if (!gIsOverwiroteMode) {
-      return Merged::kKept;
-    }
-    if (!execute(destination, remove, rawInKey, line)) {
-      return Merged::kFailed;
-    }
+  if (!hasRows(found)) {
+    return Room::kFree;
   }
-  return execute(destination, insert, rawInInsert, line) ? Merged::kInserted : Merged::kFailed;
+  if (!gIsOverwiroteMode) {
+    return Room::kTaken;
+  }
+  return execute(destination, remove) ? Room::kFree : Room::kFailed;
+}
+
+bool mergeRow(DBConnect_tag* destination, const Statement& lookUp, const Statement& remove, const Statement& insert) {
+  const Room room = makeRoom(destination, lookUp, remove);
+  return room == Room::kTaken || (room == Room::kFree && execute(destination, insert));
 }
 
 bool fileExists(const std::string& path) {
@@ -31,50 +32,76 @@ bool fileExists(const std::string& path) {
   return stat(path.c_str(), &status) == 0;
 }
 
-long long nextNumber(DBConnect_tag* connection, const char* statement, const char* column, int line) {
-  Result highest;
-  if (!execute(connection, statement, highest, line)) {
+long long nextNumber(DBConnect_tag* connection, const Statement& highest, const char* column) {
+  Result row;
+  if (!execute(connection, row, highest)) {
     return 1;
   }
   // An empty table gives the empty text, which counts as 0.
-  const std::string number = fetchRow(highest) ? fieldText(highest, column, kNumberCapacity) : "";
+  const std::string number = fetchRow(row) ? fieldText(row, column, kNumberCapacity) : "";
   const long long value = std::strtoll(number.c_str(), nullptr, 10);
   return value < LLONG_MAX ? value + 1 : value;
 }
 
-Lookup findShare(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix, const std::string& sourceShare,
-                 std::size_t nameCapacity, std::string& number) {
-  Result share;
-  if (!execute(source, formatText("Select * from photo_share%s where shareid = %s", suffix, sourceShare.c_str()),
-               {{}, {sourceShare}}, share)) {
+namespace {
+
+// The number of the row of the destination that has the name of a row of the source.
+Lookup findByName(const Sides& sides, const Statement& inSource, const char* nameColumn, std::size_t nameCapacity,
+                  Statement (*inDestination)(const Text& name), const char* numberColumn, Raw& number) {
+  Result row;
+  if (!execute(sides.source, row, inSource)) {
     return Lookup::kFailed;
   }
-  if (!fetchRow(share)) {
+  if (!fetchRow(row)) {
     return Lookup::kMissing;
   }
-  const std::string name = escapeText(fieldText(share, "sharename", nameCapacity));
-  if (!execute(destination, formatText("Select * from photo_share where sharename = '%s'", name.c_str()), share)) {
+  if (!execute(sides.destination, row, inDestination(textField(row, nameColumn, nameCapacity)))) {
     return Lookup::kFailed;
   }
-  if (!fetchRow(share)) {
+  if (!fetchRow(row)) {
     return Lookup::kMissing;
   }
-  number = fieldText(share, "shareid", kNumberCapacity);
+  number = rawField(row, numberColumn, kNumberCapacity);
   return Lookup::kFound;
 }
 
-Lookup findLabel(DBConnect_tag* destination, const std::string& name, const std::string& category, std::string& number,
-                 int line) {
-  const std::string statement =
-      formatText("Select id from photo_label where name = '%s' and category = %s", name.c_str(), category.c_str());
-  Result label;
-  if (!execute(destination, statement, {{}, {category}}, label, line)) {
-    return Lookup::kFailed;
+}  // namespace
+
+Lookup findShare(const Sides& sides, const Raw& sourceShare, std::size_t nameCapacity, Raw& number) {
+  return findByName(
+      sides, sql("Select * from photo_share%s where shareid = %s", sides.suffix, sourceShare), "sharename",
+      nameCapacity, [](const Text& name) { return sql("Select * from photo_share where sharename = '%s'", name); },
+      "shareid", number);
+}
+
+Lookup findUser(const Sides& sides, const Raw& sourceUser, Raw& number) {
+  return findByName(
+      sides, sql("Select * from photo_user%s where userid = %s", sides.suffix, sourceUser), "username", kNameCapacity,
+      [](const Text& name) { return sql("Select * from photo_user where username = '%s'", name); }, "userid", number);
+}
+
+bool mergeLabelLink(DBConnect_tag* destination, const Text& name, const Raw& category, const Statement& lookUp,
+                    std::size_t idCapacity, const std::function<Statement(const Raw& id)>& remove,
+                    const std::function<Statement(const Raw& label)>& insert) {
+  Result row;
+  if (!execute(destination, row, lookUp)) {
+    return false;
   }
-  if (!fetchRow(label)) {
-    KAVO_LOG_AT(line, "KAVODBFetchRow failed. [%s] (%s)", statement.c_str(), KAVODBErrorGet(destination));
-    return Lookup::kMissing;
+  if (fetchRow(row)) {
+    if (!gIsOverwiroteMode) {
+      return true;
+    }
+    if (!execute(destination, remove(rawField(row, "id", idCapacity)))) {
+      return false;
+    }
   }
-  number = fieldText(label, "id", kNumberCapacity);
-  return Lookup::kFound;
+  const Statement findLabel = sql("Select id from photo_label where name = '%s' and category = %s", name, category);
+  if (!execute(destination, row, findLabel)) {
+    return false;
+  }
+  if (!fetchRow(row)) {
+    KAVO_LOG("KAVODBFetchRow failed. [%s] (%s)", statementText(findLabel).c_str(), KAVODBErrorGet(destination));
+    return true;
+  }
+  return execute(destination, insert(rawField(row, "id", kNumberCapacity)));
 }

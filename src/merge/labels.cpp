@@ -1,34 +1,31 @@
 #include "merge/common.h"
 #include "merge/merge.h"
-#include "platform/text.h"
 
 namespace {
 
-// The category is a number and goes into the statements as it is.
-Merged mergeLabel(DBConnect_tag* destination, const Result& label) {
-  const std::string name = escapeText(fieldText(label, "name", kNameCapacity));
-  const std::string category = fieldText(label, "category", kTextCapacity);
-  const std::string info = escapeText(fieldText(label, "info", kNameCapacity));
-  return mergeRow(
-      destination,
-      formatText("Select * from photo_label where name = '%s' and category = %s", name.c_str(), category.c_str()),
-      formatText("Delete from photo_label where name = '%s' and category = %s", name.c_str(), category.c_str()),
-      formatText("Insert into photo_label (name, category, info) Values ('%s', '%s', '%s')", name.c_str(),
-                 category.c_str(), info.c_str()),
-      {{}, {category}}, {{category}, {}});
+struct Label {
+  Text name;
+  // A number, which goes into the statements as it is.
+  Raw category;
+  Text info;
+};
+
+std::vector<std::string> keysOf(const Label& label) { return {label.name.text}; }
+
+std::optional<Label> readLabel(const Result& row) {
+  return Label{textField(row, "name", kNameCapacity), rawField(row, "category", kTextCapacity),
+               textField(row, "info", kNameCapacity)};
 }
 
 }  // namespace
 
 int KavophotoSyncPhotoLabel(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix) {
-  Result labels;
-  if (!execute(source, formatText("Select * from photo_label%s", suffix), labels)) {
-    return -1;
-  }
-  while (fetchRow(labels)) {
-    if (mergeLabel(destination, labels) == Merged::kFailed) {
-      return -1;
-    }
-  }
-  return 0;
+  const Sides sides = {destination, source, suffix};
+  return mergeRows(sides, sql("Select * from photo_label%s", sides.suffix), readLabel, [&](const Label& label) {
+    return mergeRow(destination,
+                    sql("Select * from photo_label where name = '%s' and category = %s", label.name, label.category),
+                    sql("Delete from photo_label where name = '%s' and category = %s", label.name, label.category),
+                    sql("Insert into photo_label (name, category, info) Values ('%s', '%s', '%s')", label.name,
+                        label.category, label.info));
+  });
 }

@@ -11,79 +11,69 @@
 
 namespace {
 
-constexpr int kSourceFailed = -1;
 constexpr int kLookUpFailed = -2;
 constexpr int kWriteFailed = -3;
 
 // The administrator's collections belong to nobody else, so those tables name no user.
 bool hasUsers(const std::string& table) { return table.find("admin") == std::string::npos; }
 
-// A row of a collection table as it stands in the statements. Nothing is cut or escaped.
+// A row of a collection table. Nothing is cut or escaped.
 struct Collection {
-  std::string user;
-  std::string name;
-  std::string isShared;
-  std::string startTime;
-  std::string endTime;
-  std::string shareLink;
-  std::string createDate;
-  std::string hidden;
+  Raw user;
+  Raw name;
+  Raw isShared;
+  QuotedOrNull startTime;
+  QuotedOrNull endTime;
+  Raw shareLink;
+  Raw createDate;
+  Raw hidden;
 };
 
-std::string quotedOrNull(const std::string& time) { return time.empty() ? "NULL" : "'" + time + "'"; }
+std::vector<std::string> keysOf(const Collection& collection) { return {collection.name.text}; }
 
-Collection readCollection(const Result& row) {
-  Collection collection;
-  collection.user = fieldText(row, "userid");
-  collection.name = fieldText(row, "name");
-  collection.isShared = fieldText(row, "is_shared");
-  collection.startTime = fieldText(row, "start_time");
-  collection.endTime = fieldText(row, "end_time");
-  collection.shareLink = fieldText(row, "sharelink");
-  collection.createDate = fieldText(row, "create_date");
-  collection.hidden = fieldText(row, "hidden");
-  return collection;
-}
-
-RawValues rawValues(const Collection& collection) {
-  return {{collection.name, collection.isShared, collection.startTime, collection.endTime, collection.shareLink,
-           collection.createDate, collection.hidden},
-          {collection.user}};
+std::optional<Collection> readCollection(const Result& row) {
+  return Collection{rawField(row, "userid"),       rawField(row, "name"),       rawField(row, "is_shared"),
+                    {rawField(row, "start_time")}, {rawField(row, "end_time")}, rawField(row, "sharelink"),
+                    rawField(row, "create_date"),  rawField(row, "hidden")};
 }
 
 bool insertCollection(DBConnect_tag* destination, const std::string& table, const Collection& collection) {
-  const bool withUser = hasUsers(table);
-  return execute(destination, "INSERT INTO " + table + " (" + (withUser ? "userid, " : "") +
-                                  "name, is_shared, start_time, end_time, sharelink, create_date, hidden) VALUES (" +
-                                  (withUser ? collection.user + ", " : "") + "'" + collection.name + "', '" +
-                                  collection.isShared + "', " + quotedOrNull(collection.startTime) + ", " +
-                                  quotedOrNull(collection.endTime) + ", '" + collection.shareLink + "', '" +
-                                  collection.createDate + "', '" + collection.hidden + "')");
+  return hasUsers(table)
+             ? execute(destination,
+                       "INSERT INTO %s (userid, name, is_shared, start_time, end_time, sharelink, create_date, hidden) "
+                       "VALUES (%s, '%s', '%s', %s, %s, '%s', '%s', '%s')",
+                       Name(table), collection.user, collection.name, collection.isShared, collection.startTime,
+                       collection.endTime, collection.shareLink, collection.createDate, collection.hidden)
+             : execute(destination,
+                       "INSERT INTO %s (name, is_shared, start_time, end_time, sharelink, create_date, hidden) "
+                       "VALUES ('%s', '%s', %s, %s, '%s', '%s', '%s')",
+                       Name(table), collection.name, collection.isShared, collection.startTime, collection.endTime,
+                       collection.shareLink, collection.createDate, collection.hidden);
 }
 
 bool updateCollection(DBConnect_tag* destination, const std::string& table, const Collection& collection) {
-  return execute(destination,
-                 "UPDATE " + table + " SET " + (hasUsers(table) ? "userid = " + collection.user + ", " : "") +
-                     "is_shared = '" + collection.isShared + "', start_time = " + quotedOrNull(collection.startTime) +
-                     ", end_time = " + quotedOrNull(collection.endTime) + ", sharelink = '" + collection.shareLink +
-                     "', create_date = '" + collection.createDate + "', hidden = '" + collection.hidden +
-                     "' WHERE name = '" + collection.name + "'",
-                 rawValues(collection));
+  return hasUsers(table)
+             ? execute(destination,
+                       "UPDATE %s SET userid = %s, is_shared = '%s', start_time = %s, end_time = %s, sharelink = '%s', "
+                       "create_date = '%s', hidden = '%s' WHERE name = '%s'",
+                       Name(table), collection.user, collection.isShared, collection.startTime, collection.endTime,
+                       collection.shareLink, collection.createDate, collection.hidden, collection.name)
+             : execute(destination,
+                       "UPDATE %s SET is_shared = '%s', start_time = %s, end_time = %s, sharelink = '%s', "
+                       "create_date = '%s', hidden = '%s' WHERE name = '%s'",
+                       Name(table), collection.isShared, collection.startTime, collection.endTime, collection.shareLink,
+                       collection.createDate, collection.hidden, collection.name);
 }
 
 int mergeCollection(DBConnect_tag* destination, const std::string& table, const Collection& collection) {
   Result live;
-  if (!execute(destination, "SELECT * FROM " + table + " WHERE name = '" + collection.name + "'",
-               {{collection.name}, {}}, live)) {
+  if (!execute(destination, live, "SELECT * FROM %s WHERE name = '%s'", Name(table), collection.name)) {
     return kLookUpFailed;
   }
   if (!hasRows(live)) {
     return insertCollection(destination, table, collection) ? 0 : kWriteFailed;
   }
-  if (!gIsOverwiroteMode) {
-    return 0;
-  }
-  return updateCollection(destination, table, collection) ? 0 : kWriteFailed;
+  return !gIsOverwiroteMode || updateCollection(destination, table, collection) ? 0 : kWriteFailed;
 }
 
 long long numberIn(const Result& row, const char* column) {
@@ -98,51 +88,61 @@ struct KeyedTable {
 
 // The number in the destination of the row that has `number` in the source; without a value when there is none or a
 // statement fails.
-std::optional<long long> findCounterpart(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix,
-                                         const KeyedTable& keyed, long long number) {
+std::optional<long long> findCounterpart(const Sides& sides, const KeyedTable& keyed, long long number) {
   Result rows;
-  if (!execute(source,
-               std::string("SELECT ") + keyed.key + " FROM " + keyed.table + suffix +
-                   " WHERE id = " + std::to_string(number),
-               rows)) {
+  if (!execute(sides.source, rows, "SELECT %s FROM %s%s WHERE id = %s", Name(keyed.key), Name(keyed.table),
+               sides.suffix, number)) {
     return std::nullopt;
   }
-  std::optional<std::string> key;
+  std::optional<Raw> key;
   while (fetchRow(rows)) {
-    key = fieldText(rows, keyed.key);
+    key = rawField(rows, keyed.key);
   }
   // A key is needed: the empty one of a row that is not there could be another row's.
   if (!key ||
-      !execute(destination, "SELECT id FROM " + keyed.table + " WHERE " + keyed.key + " = '" + *key + "'", {{*key}, {}},
-               rows) ||
+      !execute(sides.destination, rows, "SELECT id FROM %s WHERE %s = '%s'", Name(keyed.table), Name(keyed.key),
+               *key) ||
       !fetchRow(rows)) {
     return std::nullopt;
   }
   return numberIn(rows, "id");
 }
 
-std::optional<long long> counterpart(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix,
-                                     const KeyedTable& keyed, long long number, NumberMap& known) {
+std::optional<long long> counterpart(const Sides& sides, const KeyedTable& keyed, long long number, NumberMap& known) {
   auto place = known.find(number);
   if (place == known.end()) {
-    place = known.emplace(number, findCounterpart(destination, source, suffix, keyed, number)).first;
+    place = known.emplace(number, findCounterpart(sides, keyed, number)).first;
   }
   return place->second;
+}
+
+// A row of a member table, with the source's numbers.
+struct Member {
+  long long collection;
+  long long media;
+};
+
+// A media file is looked up once, too.
+std::vector<std::string> keysOf(const Member& member) { return {std::to_string(member.media)}; }
+
+// The collections of many members are few, so a row waits for the one before it to have found its own.
+std::optional<long long> findCollection(const Sides& sides, const std::string& table, long long number,
+                                        NumberMap& known) {
+  const Turn turn;
+  return counterpart(sides, {table, "name"}, number, known);
 }
 
 // Failures are logged and cost only this member.
 void addMember(DBConnect_tag* destination, const std::string& memberTable, const std::string& mediaColumn,
                long long collection, long long media) {
-  const std::string collectionNumber = std::to_string(collection);
-  const std::string mediaNumber = std::to_string(media);
+  // Two rows of the source may have the same counterparts.
+  claim(formatText("%lld %lld", collection, media));
   Result member;
-  if (execute(destination,
-              "SELECT * FROM " + memberTable + " WHERE collectionid = " + collectionNumber + " AND " + mediaColumn +
-                  " = " + mediaNumber,
-              member) &&
+  if (execute(destination, member, "SELECT * FROM %s WHERE collectionid = %s AND %s = %s", Name(memberTable),
+              collection, Name(mediaColumn), media) &&
       !hasRows(member)) {
-    execute(destination, "INSERT INTO " + memberTable + " (collectionid, " + mediaColumn + ") VALUES (" +
-                             collectionNumber + ", " + mediaNumber + ")");
+    execute(destination, "INSERT INTO %s (collectionid, %s) VALUES (%s, %s)", Name(memberTable), Name(mediaColumn),
+            collection, media);
   }
 }
 
@@ -156,38 +156,30 @@ bool isPersonalCollectionTable(const char* table) {
 
 int KavophotoSyncPersonalCollection(DBConnect_tag* destination, DBConnect_tag* source, const std::string& table,
                                     const char* suffix) {
-  Result collections;
-  if (!execute(source, "SELECT * FROM " + table + suffix, collections)) {
-    return kSourceFailed;
-  }
-  while (fetchRow(collections)) {
-    const int status = mergeCollection(destination, table, readCollection(collections));
-    if (status < 0) {
-      return status;
-    }
-  }
-  return 0;
+  const Sides sides = {destination, source, suffix};
+  return mergeRows(sides, sql("SELECT * FROM %s%s", Name(table), sides.suffix), readCollection,
+                   [&](const Collection& collection) { return mergeCollection(destination, table, collection); });
 }
 
 int KavophotoSyncCollectionMembers(DBConnect_tag* destination, DBConnect_tag* source,
                                    const std::string& collectionTable, const std::string& memberTable,
                                    const char* suffix, const std::string& mediaColumn, const std::string& mediaTable,
                                    NumberMap& collections) {
-  Result members;
-  if (!execute(source, "SELECT * FROM " + memberTable + suffix, members)) {
-    return -1;
-  }
+  const Sides sides = {destination, source, suffix};
   NumberMap mediaFiles;
-  while (fetchRow(members)) {
-    const auto collection = counterpart(destination, source, suffix, {collectionTable, "name"},
-                                        numberIn(members, "collectionid"), collections);
-    const auto media = counterpart(destination, source, suffix, {mediaTable, "path"},
-                                   numberIn(members, mediaColumn.c_str()), mediaFiles);
-    if (collection && media) {
-      addMember(destination, memberTable, mediaColumn, *collection, *media);
-    }
-  }
-  return 0;
+  return mergeRows(
+      sides, sql("SELECT * FROM %s%s", Name(memberTable), sides.suffix),
+      [&](const Result& row) {
+        return std::optional(Member{numberIn(row, "collectionid"), numberIn(row, mediaColumn.c_str())});
+      },
+      [&](const Member& member) {
+        const auto collection = findCollection(sides, collectionTable, member.collection, collections);
+        const auto media = counterpart(sides, {mediaTable, "path"}, member.media, mediaFiles);
+        if (collection && media) {
+          addMember(destination, memberTable, mediaColumn, *collection, *media);
+        }
+        return true;
+      });
 }
 
 int KavophotoSyncCollectionFamily(DBConnect_tag* destination, DBConnect_tag* source, const std::string& collectionTable,

@@ -1,65 +1,43 @@
 #include "merge/common.h"
 #include "merge/merge.h"
-#include "platform/overwrite_mode.h"
-#include "platform/text.h"
 
 namespace {
 
-bool mergeLink(DBConnect_tag* destination, const Result& row) {
-  const std::string plainPath = fieldText(row, "video_path", kTextCapacity);
-  if (!fileExists(plainPath)) {
-    return true;
-  }
-  const std::string path = escapeText(plainPath);
-  const std::string name = escapeText(fieldText(row, "name", kNameCapacity));
-  const std::string category = fieldText(row, "category", kTextCapacity);
-  Result link;
-  if (!execute(destination,
-               formatText("Select photo_video_label.id as id from photo_video_label left join photo_label on "
-                          "photo_video_label.label_id=photo_label.id where video_path = '%s' and name = '%s' and "
-                          "category = %s",
-                          path.c_str(), name.c_str(), category.c_str()),
-               {{}, {category}}, link)) {
-    return false;
-  }
-  if (hasRows(link)) {
-    if (!gIsOverwiroteMode) {
-      return true;
-    }
-    // Only the first link is replaced, also where there are several.
-    fetchRow(link);
-    const std::string id = fieldText(link, "id", kTextCapacity);
-    if (!execute(destination, formatText("Delete from photo_video_label where id = %s", id.c_str()))) {
-      return false;
-    }
-  }
+struct Link {
+  Text path;
+  Text name;
+  Raw category;
+};
 
-  // A link whose label the destination lacks is dropped.
-  std::string label;
-  const Lookup found = findLabel(destination, name, category, label);
-  if (found != Lookup::kFound) {
-    return found == Lookup::kMissing;
-  }
-  return execute(destination,
-                 formatText("Insert into photo_video_label (video_path, label_id, status) Values ('%s', %s, 't')",
-                            path.c_str(), label.c_str()));
+std::vector<std::string> keysOf(const Link& link) { return {link.path.text + '\n' + link.name.text}; }
+
+std::optional<Link> readLink(const Result& row) {
+  Link link = {textField(row, "video_path", kTextCapacity), textField(row, "name", kNameCapacity),
+               rawField(row, "category", kTextCapacity)};
+  return fileExists(link.path.text) ? std::optional(std::move(link)) : std::nullopt;
+}
+
+bool mergeLink(DBConnect_tag* destination, const Link& link) {
+  return mergeLabelLink(
+      destination, link.name, link.category,
+      sql("Select photo_video_label.id as id from photo_video_label left join photo_label on "
+          "photo_video_label.label_id=photo_label.id where video_path = '%s' and name = '%s' and category = %s",
+          link.path, link.name, link.category),
+      kTextCapacity, [](const Raw& id) { return sql("Delete from photo_video_label where id = %s", id); },
+      [&link](const Raw& label) {
+        return sql("Insert into photo_video_label (video_path, label_id, status) Values ('%s', %s, 't')", link.path,
+                   label);
+      });
 }
 
 }  // namespace
 
 int KavophotoSyncPhotoVideoLabel(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix) {
-  Result links;
-  if (!execute(source,
-               formatText("Select * from photo_video_label%s left join photo_label%s on "
-                          "photo_video_label%s.label_id=photo_label%s.id",
-                          suffix, suffix, suffix, suffix),
-               links)) {
-    return -1;
-  }
-  while (fetchRow(links)) {
-    if (!mergeLink(destination, links)) {
-      return -1;
-    }
-  }
-  return 0;
+  const Sides sides = {destination, source, suffix};
+  const Name& end = sides.suffix;
+  return mergeRows(sides,
+                   sql("Select * from photo_video_label%s left join photo_label%s on "
+                       "photo_video_label%s.label_id=photo_label%s.id",
+                       end, end, end, end),
+                   readLink, [&](const Link& link) { return mergeLink(destination, link); });
 }

@@ -1,69 +1,66 @@
 #include "merge/common.h"
 #include "merge/merge.h"
-#include "platform/text.h"
 
 namespace {
 
 constexpr std::size_t kDateCapacity = 64;
 
-Merged mergeComment(DBConnect_tag* destination, const Result& row) {
-  const std::string plainPath = fieldText(row, "path", kTextCapacity);
-  if (!fileExists(plainPath)) {
-    return Merged::kKept;
-  }
-  const std::string path = escapeText(plainPath);
-  const std::string name = escapeText(fieldText(row, "name", kNameCapacity));
-  const std::string email = escapeText(fieldText(row, "email", kNameCapacity));
-  const std::string comment = escapeText(fieldText(row, "comment", kTextCapacity));
-  const std::string date = escapeText(fieldText(row, "date", kDateCapacity));
-  return mergeRow(
-      destination,
-      formatText("Select * from video_comment where path = '%s' and date = '%s' and name = '%s'", path.c_str(),
-                 date.c_str(), name.c_str()),
-      formatText("Delete from video_comment where path = '%s' and date = '%s' and name = '%s'", path.c_str(),
-                 date.c_str(), name.c_str()),
-      formatText("Insert into video_comment (path, name, email, comment, date) Values ('%s', '%s', '%s', '%s', '%s')",
-                 path.c_str(), name.c_str(), email.c_str(), comment.c_str(), date.c_str()));
+struct Comment {
+  Text path;
+  Text name;
+  Text email;
+  Text comment;
+  Text date;
+};
+
+std::vector<std::string> keysOf(const Comment& comment) {
+  return {comment.path.text + '\n' + comment.date.text + '\n' + comment.name.text};
 }
 
-Merged mergeDescription(DBConnect_tag* destination, const Result& row) {
-  const std::string plainPath = fieldText(row, "path", kTextCapacity);
-  if (!fileExists(plainPath)) {
-    return Merged::kKept;
-  }
-  const std::string path = escapeText(plainPath);
-  const std::string title = escapeText(fieldText(row, "title", kTextCapacity));
-  const std::string description = escapeText(fieldText(row, "description", kTextCapacity));
-  return mergeRow(destination, formatText("Select * from video_desc where path = '%s'", path.c_str()),
-                  formatText("Delete from video_desc where path = '%s'", path.c_str()),
-                  formatText("Insert into video_desc (path, title, description) Values ('%s', '%s', '%s')",
-                             path.c_str(), title.c_str(), description.c_str()));
+std::optional<Comment> readComment(const Result& row) {
+  Comment comment = {textField(row, "path", kTextCapacity), textField(row, "name", kNameCapacity),
+                     textField(row, "email", kNameCapacity), textField(row, "comment", kTextCapacity),
+                     textField(row, "date", kDateCapacity)};
+  return fileExists(comment.path.text) ? std::optional(std::move(comment)) : std::nullopt;
+}
+
+struct Description {
+  Text path;
+  Text title;
+  Text description;
+};
+
+std::vector<std::string> keysOf(const Description& description) { return {description.path.text}; }
+
+std::optional<Description> readDescription(const Result& row) {
+  Description description = {textField(row, "path", kTextCapacity), textField(row, "title", kTextCapacity),
+                             textField(row, "description", kTextCapacity)};
+  return fileExists(description.path.text) ? std::optional(std::move(description)) : std::nullopt;
 }
 
 }  // namespace
 
 int KavophotoSyncVideoComment(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix) {
-  Result comments;
-  if (!execute(source, formatText("Select * from video_comment%s", suffix), comments)) {
-    return -1;
-  }
-  while (fetchRow(comments)) {
-    if (mergeComment(destination, comments) == Merged::kFailed) {
-      return -1;
-    }
-  }
-  return 0;
+  const Sides sides = {destination, source, suffix};
+  return mergeRows(sides, sql("Select * from video_comment%s", sides.suffix), readComment, [&](const Comment& comment) {
+    return mergeRow(destination,
+                    sql("Select * from video_comment where path = '%s' and date = '%s' and name = '%s'", comment.path,
+                        comment.date, comment.name),
+                    sql("Delete from video_comment where path = '%s' and date = '%s' and name = '%s'", comment.path,
+                        comment.date, comment.name),
+                    sql("Insert into video_comment (path, name, email, comment, date) Values ('%s', '%s', '%s', '%s', "
+                        "'%s')",
+                        comment.path, comment.name, comment.email, comment.comment, comment.date));
+  });
 }
 
 int KavophotoSyncVideoDesc(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix) {
-  Result descriptions;
-  if (!execute(source, formatText("Select * from video_desc%s", suffix), descriptions)) {
-    return -1;
-  }
-  while (fetchRow(descriptions)) {
-    if (mergeDescription(destination, descriptions) == Merged::kFailed) {
-      return -1;
-    }
-  }
-  return 0;
+  const Sides sides = {destination, source, suffix};
+  return mergeRows(sides, sql("Select * from video_desc%s", sides.suffix), readDescription,
+                   [&](const Description& description) {
+                     return mergeRow(destination, sql("Select * from video_desc where path = '%s'", description.path),
+                                     sql("Delete from video_desc where path = '%s'", description.path),
+                                     sql("Insert into video_desc (path, title, description) Values ('%s', '%s', '%s')",
+                                         description.path, description.title, description.description));
+                   });
 }

@@ -1,7 +1,6 @@
 #include "merge/common.h"
 #include "merge/merge.h"
 #include "platform/overwrite_mode.h"
-#include "platform/text.h"
 
 namespace {
 
@@ -11,67 +10,48 @@ constexpr int kWriteFailed = -3;
 // A row of watermark, taken over as it stands: nothing is cut or escaped, and the share keeps the number it had in the
 // source.
 struct Watermark {
-  std::string share;
-  std::string path;
-  std::string opacity;
-  std::string gravity;
-  std::string size;
-  std::string hash;
-  std::string modified;
-  std::string changed;
+  Raw share;
+  Raw path;
+  Raw opacity;
+  Raw gravity;
+  Raw size;
+  Raw hash;
+  Raw modified;
+  Raw changed;
 };
 
-Watermark readWatermark(const Result& row) {
-  Watermark watermark;
-  watermark.share = fieldText(row, "shareid");
-  watermark.path = fieldText(row, "path");
-  watermark.opacity = fieldText(row, "opacity");
-  watermark.gravity = fieldText(row, "gravity");
-  watermark.size = fieldText(row, "size");
-  watermark.hash = fieldText(row, "hash");
-  watermark.modified = fieldText(row, "mtime");
-  watermark.changed = fieldText(row, "changed");
-  return watermark;
-}
+std::vector<std::string> keysOf(const Watermark& watermark) { return {watermark.share.text}; }
 
-RawValues rawValues(const Watermark& watermark) {
-  return {{watermark.path, watermark.hash, watermark.changed},
-          {watermark.share, watermark.opacity, watermark.gravity, watermark.size, watermark.modified}};
+std::optional<Watermark> readWatermark(const Result& row) {
+  return Watermark{rawField(row, "shareid"), rawField(row, "path"), rawField(row, "opacity"), rawField(row, "gravity"),
+                   rawField(row, "size"),    rawField(row, "hash"), rawField(row, "mtime"),   rawField(row, "changed")};
 }
 
 bool insertWatermark(DBConnect_tag* destination, const Watermark& watermark) {
-  return execute(
-      destination,
-      formatText("INSERT INTO watermark (shareid, path, opacity, gravity, size, hash, mtime, changed) "
+  return execute(destination,
+                 "INSERT INTO watermark (shareid, path, opacity, gravity, size, hash, mtime, changed) "
                  "VALUES (%s, '%s', %s, %s, %s, '%s', %s, '%s')",
-                 watermark.share.c_str(), watermark.path.c_str(), watermark.opacity.c_str(), watermark.gravity.c_str(),
-                 watermark.size.c_str(), watermark.hash.c_str(), watermark.modified.c_str(), watermark.changed.c_str()),
-      rawValues(watermark));
+                 watermark.share, watermark.path, watermark.opacity, watermark.gravity, watermark.size, watermark.hash,
+                 watermark.modified, watermark.changed);
 }
 
 bool updateWatermark(DBConnect_tag* destination, const Watermark& watermark) {
   return execute(destination,
-                 formatText("UPDATE watermark SET path = '%s', opacity = %s, gravity = %s, size = %s, hash = '%s', "
-                            "mtime = %s, changed = '%s' WHERE shareid = %s",
-                            watermark.path.c_str(), watermark.opacity.c_str(), watermark.gravity.c_str(),
-                            watermark.size.c_str(), watermark.hash.c_str(), watermark.modified.c_str(),
-                            watermark.changed.c_str(), watermark.share.c_str()),
-                 rawValues(watermark));
+                 "UPDATE watermark SET path = '%s', opacity = %s, gravity = %s, size = %s, hash = '%s', mtime = %s, "
+                 "changed = '%s' WHERE shareid = %s",
+                 watermark.path, watermark.opacity, watermark.gravity, watermark.size, watermark.hash,
+                 watermark.modified, watermark.changed, watermark.share);
 }
 
 int mergeWatermark(DBConnect_tag* destination, const Watermark& watermark) {
   Result live;
-  if (!execute(destination, formatText("SELECT * FROM watermark WHERE shareid = %s", watermark.share.c_str()),
-               {{}, {watermark.share}}, live)) {
+  if (!execute(destination, live, "SELECT * FROM watermark WHERE shareid = %s", watermark.share)) {
     return kLookUpFailed;
   }
   if (!hasRows(live)) {
     return insertWatermark(destination, watermark) ? 0 : kWriteFailed;
   }
-  if (!gIsOverwiroteMode) {
-    return 0;
-  }
-  return updateWatermark(destination, watermark) ? 0 : kWriteFailed;
+  return !gIsOverwiroteMode || updateWatermark(destination, watermark) ? 0 : kWriteFailed;
 }
 
 }  // namespace
@@ -79,14 +59,10 @@ int mergeWatermark(DBConnect_tag* destination, const Watermark& watermark) {
 int KavophotoSyncWatermark(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix) {
   Result watermarks;
   // A source without the table has no watermarks to merge, which is no failure.
-  if (KAVODBExecute(source, formatText("SELECT * FROM watermark%s", suffix).c_str(), &watermarks.handle) == -1) {
+  const std::string listing = statementText(sql("SELECT * FROM watermark%s", Name(suffix)));
+  if (KAVODBExecute(source, listing.c_str(), &watermarks.handle) == -1) {
     return 0;
   }
-  while (fetchRow(watermarks)) {
-    const int status = mergeWatermark(destination, readWatermark(watermarks));
-    if (status < 0) {
-      return status;
-    }
-  }
-  return 0;
+  return forEachRow({destination, source}, watermarks, readWatermark,
+                    [&](const Watermark& watermark) { return mergeWatermark(destination, watermark); });
 }

@@ -1,12 +1,9 @@
 #include "platform/database.h"
 
-#include <libpq-fe.h>
-#include <sched.h>
 #include <strings.h>
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -14,35 +11,9 @@
 #include <utility>
 #include <vector>
 
-#include "platform/awake.h"
+#include "platform/database_handles.h"
 #include "platform/log.h"
-#include "platform/result_rows.h"
 #include "platform/session_options.h"
-
-namespace {
-
-// A table that this connection has put rows into.
-struct GrownTable {
-  std::string name;
-  long long inserted = 0;
-  // At this many the planner gets statistics again.
-  long long insertedAtStatistics = 1000;
-};
-
-}  // namespace
-
-struct DBConnect_tag {
-  PGconn* connection = nullptr;
-  std::string error;
-  // Whether a command has changed something, so that there is something to make durable.
-  bool wrote = false;
-  std::vector<GrownTable> grown;
-};
-
-struct DBResult_tag {
-  std::vector<std::string> columns;
-  ResultRows rows;
-};
 
 namespace {
 
@@ -59,11 +30,6 @@ struct ConninfoFreer {
   void operator()(PQconninfoOption* options) const { PQconninfoFree(options); }
 };
 using Conninfo = std::unique_ptr<PQconninfoOption, ConninfoFreer>;
-
-struct PGResultClearer {
-  void operator()(PGresult* result) const { PQclear(result); }
-};
-using PGResultHandle = std::unique_ptr<PGresult, PGResultClearer>;
 
 // Notices are the server's remarks on statements that succeeded; the tool reports failures only.
 void ignoreNotice(void* /*argument*/, const PGresult* /*notice*/) {}
@@ -103,27 +69,6 @@ bool settleSession(PGconn* connection) {
   return PQresultStatus(set.get()) == PGRES_COMMAND_OK;
 }
 
-bool mayUseTwoProcessors() {
-  cpu_set_t processors;
-  CPU_ZERO(&processors);
-  return sched_getaffinity(0, sizeof processors, &processors) == 0 && CPU_COUNT(&processors) > 1;
-}
-
-// A process that waits for another one to wake it loses about as much time as a look-up takes, so the reply is polled
-// for a moment first. With one processor that would only keep the server from answering.
-void spinForReply(PGconn* connection) {
-  static const bool spins = mayUseTwoProcessors();
-  if (!spins) {
-    return;
-  }
-  // Longer than most look-ups take: a shorter poll would pay for the polling and for the waking as well.
-  constexpr auto kLongest = std::chrono::microseconds(200);
-  const auto start = std::chrono::steady_clock::now();
-  while (PQisBusy(connection) != 0 && PQconsumeInput(connection) == 1 &&
-         std::chrono::steady_clock::now() - start < kLongest) {
-  }
-}
-
 // The library breaks its own remarks, on a lost connection say, into several lines.
 std::string onOneLine(const std::string& text) {
   std::string line;
@@ -135,23 +80,6 @@ std::string onOneLine(const std::string& text) {
     }
   }
   return line.erase(line.find_last_not_of(' ') + 1);
-}
-
-// One line of what the server said. The statement is left out: whoever logs the error logs that too.
-std::string errorText(const PGresult* result, PGconn* connection) {
-  const char* primary = PQresultErrorField(result, PG_DIAG_MESSAGE_PRIMARY);
-  if (primary == nullptr) {
-    return onOneLine(PQerrorMessage(connection));
-  }
-  const char* severity = PQresultErrorField(result, PG_DIAG_SEVERITY);
-  std::string text = std::string(severity != nullptr ? severity : "ERROR") + ":  " + primary;
-  if (const char* detail = PQresultErrorField(result, PG_DIAG_MESSAGE_DETAIL)) {
-    text.append("  DETAIL:  ").append(detail);
-  }
-  if (const char* hint = PQresultErrorField(result, PG_DIAG_MESSAGE_HINT)) {
-    text.append("  HINT:  ").append(hint);
-  }
-  return text;
 }
 
 void readColumns(const PGresult* reply, DBResult_tag& result) {
@@ -174,23 +102,11 @@ void readRows(const PGresult* reply, DBResult_tag& result, std::vector<std::stri
   }
 }
 
-// Whether the command of this reply has changed anything. A failed command and a single row have no status.
-bool changedSomething(PGresult* reply) {
-  const std::string_view status = PQcmdStatus(reply);
-  const std::string_view verb = status.substr(0, status.find(' '));
-  constexpr std::array<std::string_view, 13> kReading = {"",       "SELECT",   "SHOW",      "BEGIN",   "START",
-                                                         "COMMIT", "ROLLBACK", "SAVEPOINT", "RELEASE", "SET",
-                                                         "RESET",  "LOCK",     "EXPLAIN"};
-  const bool reads = std::find(kReading.begin(), kReading.end(), verb) != kReading.end();
-  return !reads && std::strcmp(PQcmdTuples(reply), "0") != 0;
-}
-
 // Reads the reply to its end, also after an error, so that the connection is free for the next statement.
 bool readReply(DBConnect_tag& connection, DBResult_tag& result) {
   bool succeeded = true;
   std::vector<std::string_view> fields;
   for (;;) {
-    spinForReply(connection.connection);
     const PGResultHandle reply(PQgetResult(connection.connection));
     if (!reply) {
       return succeeded;
@@ -211,36 +127,6 @@ bool readReply(DBConnect_tag& connection, DBResult_tag& result) {
     }
     connection.wrote = changedSomething(reply.get()) || connection.wrote;
   }
-}
-
-// The table that a statement puts a row into; empty for another kind of statement.
-std::string_view tableOfInsert(std::string_view statement) {
-  constexpr std::string_view kVerb = "insert into ";
-  if (strncasecmp(statement.data(), kVerb.data(), kVerb.size()) != 0) {
-    return {};
-  }
-  statement.remove_prefix(kVerb.size());
-  return statement.substr(0, statement.find_first_of(" ("));
-}
-
-// A table that has grown from nothing is looked up in without the planner knowing, and what it then reads for one row
-// grows with the table. Each time four times as many rows have come in, it is told. A table that anybody holds a lock
-// on is left out, and where it cannot be done only speed is lost.
-void refreshStatistics(DBConnect_tag& connection, std::string_view statement) {
-  const std::string_view name = tableOfInsert(statement);
-  if (name.empty()) {
-    return;
-  }
-  auto table = std::find_if(connection.grown.begin(), connection.grown.end(),
-                            [name](const GrownTable& grown) { return grown.name == name; });
-  if (table == connection.grown.end()) {
-    table = connection.grown.insert(table, {std::string(name)});
-  }
-  if (++table->inserted < table->insertedAtStatistics || PQtransactionStatus(connection.connection) != PQTRANS_IDLE) {
-    return;
-  }
-  table->insertedAtStatistics *= 4;
-  const PGResultHandle analysed(PQexec(connection.connection, ("ANALYZE (SKIP_LOCKED) " + table->name).c_str()));
 }
 
 // Logged here when it fails.
@@ -310,7 +196,94 @@ void appendEscaped(std::string& escaped, std::string_view text) {
 
 char* allocated(const std::string& text) { return strdup(text.c_str()); }
 
+// Where a failed statement must not end the transaction that it stands in.
+class SavedStatement {
+ public:
+  explicit SavedStatement(DBConnect_tag& connection)
+      : connection_(connection.savesEachStatement && PQtransactionStatus(connection.connection) == PQTRANS_INTRANS
+                        ? connection.connection
+                        : nullptr) {
+    run("SAVEPOINT kavophoto_backup_statement");
+  }
+  SavedStatement(const SavedStatement&) = delete;
+  SavedStatement& operator=(const SavedStatement&) = delete;
+  ~SavedStatement() {
+    if (connection_ != nullptr && PQtransactionStatus(connection_) == PQTRANS_INERROR) {
+      run("ROLLBACK TO SAVEPOINT kavophoto_backup_statement");
+    }
+    run("RELEASE SAVEPOINT kavophoto_backup_statement");
+  }
+
+ private:
+  void run(const char* statement) const {
+    if (connection_ != nullptr) {
+      const PGResultHandle done(PQexec(connection_, statement));
+    }
+  }
+
+  PGconn* connection_;
+};
+
 }  // namespace
+
+std::string errorText(const PGresult* result, PGconn* connection) {
+  const char* primary = PQresultErrorField(result, PG_DIAG_MESSAGE_PRIMARY);
+  if (primary == nullptr) {
+    return onOneLine(PQerrorMessage(connection));
+  }
+  const char* severity = PQresultErrorField(result, PG_DIAG_SEVERITY);
+  std::string text = std::string(severity != nullptr ? severity : "ERROR") + ":  " + primary;
+  if (const char* detail = PQresultErrorField(result, PG_DIAG_MESSAGE_DETAIL)) {
+    text.append("  DETAIL:  ").append(detail);
+  }
+  if (const char* hint = PQresultErrorField(result, PG_DIAG_MESSAGE_HINT)) {
+    text.append("  HINT:  ").append(hint);
+  }
+  return text;
+}
+
+bool changedSomething(PGresult* reply) {
+  const std::string_view status = PQcmdStatus(reply);
+  const std::string_view verb = status.substr(0, status.find(' '));
+  constexpr std::array<std::string_view, 13> kReading = {"",       "SELECT",   "SHOW",      "BEGIN",   "START",
+                                                         "COMMIT", "ROLLBACK", "SAVEPOINT", "RELEASE", "SET",
+                                                         "RESET",  "LOCK",     "EXPLAIN"};
+  const bool reads = std::find(kReading.begin(), kReading.end(), verb) != kReading.end();
+  return !reads && std::strcmp(PQcmdTuples(reply), "0") != 0;
+}
+
+std::string_view tableOfInsert(std::string_view statement) {
+  constexpr std::string_view kVerb = "insert into ";
+  if (strncasecmp(statement.data(), kVerb.data(), kVerb.size()) != 0) {
+    return {};
+  }
+  statement.remove_prefix(kVerb.size());
+  return statement.substr(0, statement.find_first_of(" ("));
+}
+
+void countInsert(DBConnect_tag& connection, std::string_view table) {
+  if (table.empty()) {
+    return;
+  }
+  auto grown = std::find_if(connection.grown.begin(), connection.grown.end(),
+                            [table](const GrownTable& known) { return known.name == table; });
+  if (grown == connection.grown.end()) {
+    grown = connection.grown.insert(grown, {std::string(table)});
+  }
+  ++grown->inserted;
+}
+
+// Without fresh statistics the planner keeps scanning tables that started empty, and what it then reads for one row
+// grows with the table. They are taken each time four times as many rows have come in. A table that anybody holds a
+// lock on is left out, and where it cannot be done only speed is lost.
+void refreshStatistics(DBConnect_tag& connection) {
+  for (GrownTable& table : connection.grown) {
+    if (table.inserted >= table.insertedAtStatistics && PQtransactionStatus(connection.connection) == PQTRANS_IDLE) {
+      table.insertedAtStatistics *= 4;
+      const PGResultHandle analysed(PQexec(connection.connection, ("ANALYZE (SKIP_LOCKED) " + table.name).c_str()));
+    }
+  }
+}
 
 DBConnect_tag* KAVODBConnect(const char* host, const char* user, const char* password, const char* database) {
   return KAVODBConnectAs("kavophoto_backup", host, user, password, database);
@@ -337,9 +310,6 @@ DBConnect_tag* KAVODBConnectAs(const char* applicationName, const char* host, co
   }
   gServerVersion = PQserverVersion(connection->connection);
   PQsetNoticeReceiver(connection->connection, ignoreNotice, nullptr);
-  if (mayUseTwoProcessors()) {
-    keepProcessorsAwake();
-  }
   return connection.release();
 }
 
@@ -374,11 +344,13 @@ int KAVODBExecute(DBConnect_tag* connection, const char* statement, DBResult_tag
   if (connection == nullptr) {
     return -1;
   }
+  const SavedStatement saved(*connection);
   connection->error.clear();
   // The extended protocol carries one statement only, so no value that breaks out of its quotes can bring a second one
   // along.
   if (PQsendQueryParams(connection->connection, statement, 0, nullptr, nullptr, nullptr, nullptr, 0) != 1) {
-    connection->error = errorText(nullptr, connection->connection);
+    connection->error = connection->lossError.empty() ? errorText(nullptr, connection->connection)
+                                                      : std::exchange(connection->lossError, {});
     return -1;
   }
   PQsetSingleRowMode(connection->connection);
@@ -387,7 +359,8 @@ int KAVODBExecute(DBConnect_tag* connection, const char* statement, DBResult_tag
     return -1;
   }
   *result = received.release();
-  refreshStatistics(*connection, statement);
+  countInsert(*connection, tableOfInsert(statement));
+  refreshStatistics(*connection);
   return 0;
 }
 
@@ -395,6 +368,7 @@ int KAVODBParse(DBConnect_tag* connection, const char* statement) {
   if (connection == nullptr) {
     return -1;
   }
+  const SavedStatement saved(*connection);
   connection->error.clear();
   const PGResultHandle parsed(PQprepare(connection->connection, "", statement, 0, nullptr));
   if (PQresultStatus(parsed.get()) == PGRES_COMMAND_OK) {
@@ -405,13 +379,26 @@ int KAVODBParse(DBConnect_tag* connection, const char* statement) {
 }
 
 int KAVODBFetchRow(DBResult_tag* result, DBRow_tag** row) {
+  *row = nullptr;
+  if (result == nullptr) {
+    return -1;
+  }
+  const bool fetched = result->reply ? ++result->replyRow < PQntuples(result->reply.get()) : nextRow(result->rows);
   // The row lives in its result; its handle only says that there is one.
-  *row = result != nullptr && nextRow(result->rows) ? reinterpret_cast<DBRow_tag*>(result) : nullptr;
-  return *row != nullptr ? 0 : -1;
+  *row = fetched ? reinterpret_cast<DBRow_tag*>(result) : nullptr;
+  return fetched ? 0 : -1;
 }
 
 const char* KAVODBFetchField(DBResult_tag* result, DBRow_tag* row, const char* column) {
   if (result == nullptr || row == nullptr) {
+    return "";
+  }
+  if (const PGresult* reply = result->reply.get()) {
+    for (int at = 0; at < PQnfields(reply); ++at) {
+      if (std::strcmp(PQfname(reply, at), column) == 0) {
+        return PQgetvalue(reply, result->replyRow, at);
+      }
+    }
     return "";
   }
   for (std::size_t at = 0; at < result->columns.size() && at < result->rows.fields.size(); ++at) {
@@ -422,7 +409,12 @@ const char* KAVODBFetchField(DBResult_tag* result, DBRow_tag* row, const char* c
   return "";
 }
 
-long long KAVODBNumRows(DBResult_tag* result) { return result != nullptr ? result->rows.count : 0; }
+long long KAVODBNumRows(DBResult_tag* result) {
+  if (result == nullptr) {
+    return 0;
+  }
+  return result->reply ? PQntuples(result->reply.get()) : result->rows.count;
+}
 
 void KAVODBFreeResult(DBResult_tag* result) { std::default_delete<DBResult_tag>()(result); }
 
@@ -463,6 +455,24 @@ void KAVODBTransCommit(DBConnect_tag* connection) { executeUnchecked(connection,
 bool KAVODBIsUsable(DBConnect_tag* connection) {
   return connection != nullptr && PQstatus(connection->connection) == CONNECTION_OK &&
          PQtransactionStatus(connection->connection) != PQTRANS_INERROR;
+}
+
+bool KAVODBRowBegin(DBConnect_tag* connection) {
+  if (connection == nullptr || PQtransactionStatus(connection->connection) != PQTRANS_IDLE) {
+    return false;
+  }
+  const PGResultHandle begun(
+      PQexec(connection->connection, "BEGIN ISOLATION LEVEL READ COMMITTED; SET CONSTRAINTS ALL IMMEDIATE"));
+  connection->savesEachStatement = PQresultStatus(begun.get()) == PGRES_COMMAND_OK;
+  return connection->savesEachStatement;
+}
+
+int KAVODBRowEnd(DBConnect_tag* connection) {
+  connection->savesEachStatement = false;
+  DBResult_tag* result = nullptr;
+  const int status = KAVODBExecute(connection, "COMMIT", &result);
+  KAVODBFreeResult(result);
+  return status;
 }
 
 void KAVODBSpillDirectorySet(const char* directory) { setSpillDirectory(directory); }

@@ -87,6 +87,14 @@ char* KAVODBEscapeStringEX3(int type, const char* text, const char* value = null
 void KAVODBTransBegin(DBConnect_tag* connection);
 void KAVODBTransCommit(DBConnect_tag* connection);
 
+// Begins a transaction for the statements of one row: one that fails is taken back alone, as it is outside of
+// transactions, and the others stay. False when there is a transaction already or it cannot be begun.
+bool KAVODBRowBegin(DBConnect_tag* connection);
+
+// Commits what KAVODBRowBegin has begun. 0 on success; -1 on failure, with the reason in KAVODBErrorGet: nothing of the
+// row is written then.
+int KAVODBRowEnd(DBConnect_tag* connection);
+
 // True while the connection can run statements: it is not lost and no failed transaction is open on it.
 bool KAVODBIsUsable(DBConnect_tag* connection);
 

@@ -3,8 +3,11 @@
 #include <syslog.h>
 
 #include <string_view>
+#include <utility>
 
 namespace {
+
+std::vector<std::string>* gCollected = nullptr;
 
 bool isContinuation(char byte) { return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U; }
 
@@ -83,4 +86,14 @@ std::string escapedForLog(const char* text) {
   return isWhole ? beginning : beginning + formatText("[... %zu bytes left out ...]", leftOut) + end;
 }
 
-void sendToLog(const std::string& message) { syslog(LOG_ERR, "%s", message.c_str()); }
+std::vector<std::string>* collectMessages(std::vector<std::string>* messages) {
+  return std::exchange(gCollected, messages);
+}
+
+void sendToLog(const std::string& message) {
+  if (gCollected != nullptr) {
+    gCollected->push_back(message);
+    return;
+  }
+  syslog(LOG_ERR, "%s", message.c_str());
+}

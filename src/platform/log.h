@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <string>
 #include <type_traits>
+#include <vector>
 
 #include "platform/text.h"
 
@@ -29,6 +30,10 @@ template <typename Number, typename = std::enable_if_t<std::is_arithmetic_v<Numb
 Number escapedForLog(Number number) {
   return number;
 }
+
+// From now on messages are added to `messages` instead of being sent, so that they can be sent later, by sendToLog, or
+// not at all; null sends them again. The list that was used before.
+std::vector<std::string>* collectMessages(std::vector<std::string>* messages);
 
 // What the macros above consist of.
 

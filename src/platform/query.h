@@ -4,10 +4,10 @@
 #include <limits>
 #include <memory>
 #include <string>
-#include <string_view>
-#include <vector>
+#include <type_traits>
 
 #include "platform/database.h"
+#include "platform/statement.h"
 
 struct ConnectionCloser {
   void operator()(DBConnect_tag* connection) const { KAVODBClose(connection); }
@@ -30,32 +30,25 @@ struct Result {
 
 inline constexpr std::size_t kWhole = std::numeric_limits<std::size_t>::max();
 
-// Runs `statement` into `result`. On failure logs "Failed to exec [statement] (error text)" for the caller's line and
-// returns false; the result is then empty.
-bool execute(DBConnect_tag* connection, const std::string& statement, Result& result, int line = __builtin_LINE());
-
+// Runs the statement into `result`. On failure logs "Failed to exec [statement] (error text)" for the template's line
+// and returns false; the result is then empty. So fails, without being run, a statement with a value that would end its
+// own place there, which could make another statement of the rest; the error text is what the server says to it, or a
+// reason of ours where the server would have run it.
+//
+// In a row that runs beside others (see side_by_side.h) it does not return when the statement fails.
+bool execute(DBConnect_tag* connection, Result& result, const Statement& statement);
 // The same for a statement whose rows nobody reads.
-bool execute(DBConnect_tag* connection, const std::string& statement, int line = __builtin_LINE());
+bool execute(DBConnect_tag* connection, const Statement& statement);
 
-// Values that stand in a statement as the source holds them, not escaped: some between single quotes, some as bare
-// numbers.
-struct RawValues {
-  std::vector<std::string_view> quoted;
-  std::vector<std::string_view> bare;
-};
-
-// Runs a statement that holds such values, but not when one of them would end its place there: a single quote or
-// anything but a number could turn the rest of the statement, its condition say, into another one that reaches rows of
-// others. Such a statement fails: it is logged like any other, with what the server says to it unrun, or else with a
-// reason of ours.
-bool execute(DBConnect_tag* connection, const std::string& statement, const RawValues& raw, Result& result,
-             int line = __builtin_LINE());
-bool execute(DBConnect_tag* connection, const std::string& statement, const RawValues& raw,
-             int line = __builtin_LINE());
-
-// True when every value keeps its place: quotes in the quoted ones come in pairs, and the bare ones are made of numbers
-// only.
-bool keepTheirPlace(const RawValues& raw);
+template <typename... Values>
+bool execute(DBConnect_tag* connection, Result& result, std::type_identity_t<Template<Values...>> text,
+             const Values&... values) {
+  return execute(connection, result, sql<Values...>(text, values...));
+}
+template <typename... Values>
+bool execute(DBConnect_tag* connection, std::type_identity_t<Template<Values...>> text, const Values&... values) {
+  return execute(connection, sql<Values...>(text, values...));
+}
 
 // Steps to the next row; false after the last.
 bool fetchRow(Result& result);
@@ -67,5 +60,10 @@ inline bool hasRows(const Result& result) { return rowCount(result) > 0; }
 // UTF-8 character). A null field is the empty text.
 std::string fieldText(const Result& result, const char* column, std::size_t capacity = kWhole);
 
-// `text` escaped for use inside single quotes.
-std::string escapeText(const std::string& text);
+// The same as a value for a statement: to be escaped, or to stand as it is.
+inline Text textField(const Result& result, const char* column, std::size_t capacity = kWhole) {
+  return {fieldText(result, column, capacity)};
+}
+inline Raw rawField(const Result& result, const char* column, std::size_t capacity = kWhole) {
+  return Raw(fieldText(result, column, capacity));
+}

@@ -85,10 +85,9 @@ RunLock lock() {
 // cannot be asked, which is logged.
 std::optional<std::string> endSessions(DBConnect_tag* connection) {
   Result sessions;
-  if (!execute(connection,
+  if (!execute(connection, sessions,
                "SELECT pid, pg_terminate_backend(pid) FROM pg_stat_activity WHERE application_name = "
-               "'kavophoto_backup' AND usename = current_user AND pid <> pg_backend_pid()",
-               sessions)) {
+               "'kavophoto_backup' AND usename = current_user AND pid <> pg_backend_pid()")) {
     return std::nullopt;
   }
   std::string numbers;

@@ -1,14 +1,11 @@
 #include "restore/restore.h"
 
-#include <strings.h>
-
 #include <array>
 #include <cstdlib>
 #include <optional>
 #include <string>
 
 #include "backup/archive.h"
-#include "backup/host_accounts.h"
 #include "platform/file_update.h"
 #include "platform/files.h"
 #include "platform/key_value_file.h"
@@ -25,7 +22,7 @@
 #include "restore/theme.h"
 #include "restore/toc.h"
 #include "smart/earlier_albums.h"
-#include "smart/smart_albums.h"
+#include "transfer/transfer.h"
 
 namespace {
 
@@ -96,7 +93,7 @@ bool holdsCopiesOnly(const std::string& dir) {
 
 // Loads only where every staged name is free: the load adds rows to a table that has such a name already. The copies
 // are noted whether or not the load succeeded, so that they can be dropped.
-bool loadStagedTables(DBConnect_tag* connection, const std::string& dir, const RestoreTables& tables) {
+bool loadStagedTables(DBConnect_tag* connection, const std::string& dir, const TransferTables& tables) {
   progressPhase("loading");
   bool isLoaded = false;
   if (holdsCopiesOnly(dir) && freeStagedNames(connection, tables.tables) && noteStagingBegins(connection)) {
@@ -107,79 +104,6 @@ bool loadStagedTables(DBConnect_tag* connection, const std::string& dir, const R
     KAVO_LOG("KavophotoRestoreDB failed when restore dump file.\n");
   }
   return isLoaded;
-}
-
-struct PathColumn {
-  const char* table;
-  const char* column;
-  // Without its paths repaired such a table cannot be merged; the others only lose those rows.
-  bool isEssential;
-};
-
-constexpr std::array<PathColumn, 4> kPathColumns = {{
-    {"photo_image_bak", "path", true},
-    {"video_comment_bak", "path", true},
-    {"video_desc_bak", "path", true},
-    {"photo_video_label_bak", "video_path", false},
-}};
-
-bool repairPaths(DBConnect_tag* connection, const RestoreTables& tables) {
-  progressPhase("repairing paths");
-  for (const PathColumn& path : kPathColumns) {
-    addDBPrimaryKey(path.table, "id");
-    if (tables.checkPath(connection, "photo", path.table, path.column, "id") < 0) {
-      KAVO_LOG("KavophotoCheckPath failed.");
-      if (path.isEssential) {
-        return false;
-      }
-    }
-  }
-  return true;
-}
-
-bool isTable(const char* name, const char* table) { return strcasecmp(name, table) == 0; }
-
-void runMergeRoutines(DBConnect_tag* connection, std::span<const MergeEntry> routines, const std::string& table) {
-  for (const MergeEntry& entry : routines) {
-    if (*entry.table == '\0') {
-      return;
-    }
-    if (table == entry.table && entry.routine(connection, connection, "_bak") < 0) {
-      KAVO_LOG("Table %s sync failed.\n", table.c_str());
-    }
-  }
-}
-
-void mergeHostAccountRights(DBConnect_tag* connection, const std::string& dir, const char* table) {
-  if (isHoxUserRightsTable(table) &&
-      KavophotoSyncHoxUserRights(connection, connection, dir.c_str(), table, "_bak") < 0) {
-    KAVO_LOG("Table photo_access_right_for_hox_account sync failed.\n");
-  }
-}
-
-void mergeHostAccountPermissions(DBConnect_tag* connection, const std::string& dir, const char* table) {
-  if (isTable(table, "photo_group_permission_for_hox_account") &&
-      KavophotoSyncHoxGroupPermission(connection, connection, dir.c_str(), "_bak") < 0) {
-    KAVO_LOG("Table photo_group_permission_for_hox_account sync failed.\n");
-  }
-}
-
-void mergePersonalCollections(DBConnect_tag* connection, const char* table) {
-  if (isPersonalCollectionTable(table) && KavophotoSyncPersonalCollection(connection, connection, table, "_bak") < 0) {
-    KAVO_LOG("Table %s sync failed", table);
-  }
-}
-
-void mergeTables(DBConnect_tag* connection, const std::string& dir, const RestoreTables& tables) {
-  progressPhase("merging");
-  std::size_t place = 0;
-  for (const char* table : tables.tables) {
-    progressTable(table, ++place, tables.tables.size());
-    runMergeRoutines(connection, tables.routines, table);
-    mergeHostAccountRights(connection, dir, table);
-    mergeHostAccountPermissions(connection, dir, table);
-    mergePersonalCollections(connection, table);
-  }
 }
 
 void restoreSettings(const std::string& dir) {
@@ -232,7 +156,7 @@ bool convertCovers(const BuildNumbers& builds) {
   return true;
 }
 
-int restoreArchive(const std::string& dir, const RestoreTables& tables) {
+int restoreArchive(const std::string& dir, const TransferTables& tables) {
   // The archive may hold a member of its own name.
   const std::string origin = restoreOrigin(dir);
   if (!unpackArchive(dir) || !listTables(dir)) {
@@ -247,11 +171,15 @@ int restoreArchive(const std::string& dir, const RestoreTables& tables) {
     return -2;
   }
   indexStagedTables(connection.get(), tables.tables);
-  if (!repairPaths(connection.get(), tables)) {
+  const Transfer transfer = {connection.get(), connection.get(), "_bak", dir};
+  const auto prepare = [](const std::string& table) { addDBPrimaryKey(table.c_str(), "id"); };
+  const auto failed = [](const std::string& /*table*/) { KAVO_LOG("KavophotoCheckPath failed."); };
+  if (!repairPaths(transfer, tables, "photo", prepare, failed)) {
     freeStagedNames(connection.get(), tables.tables);
     return -1;
   }
-  mergeTables(connection.get(), dir, tables);
+  mergeTables(transfer, tables,
+              [](const char* /*table*/) { KAVO_LOG("Table photo_access_right_for_hox_account sync failed.\n"); });
   restoreSettings(dir);
   BuildNumbers builds;
   if (!readBuildNumbers(dir, builds)) {
@@ -261,11 +189,7 @@ int restoreArchive(const std::string& dir, const RestoreTables& tables) {
   if (!convertCovers(builds)) {
     return -1;
   }
-  // Smart albums name shares and labels, members name collections and media, so both come after all tables.
-  progressPhase("merging smart albums");
-  KavophotoRemapSmartAlbums(connection.get(), connection.get(), "_bak", origin);
-  progressPhase("merging members of collections");
-  KavophotoSyncPersonalCollectionItems(connection.get(), connection.get(), "_bak");
+  mergeReferences(transfer, origin);
   freeStagedNames(connection.get(), tables.tables);
   return 0;
 }
@@ -279,7 +203,7 @@ void removeUnpackedFiles(const std::string& dir) {
 
 }  // namespace
 
-int KavophotoRestoreDB(const char* dir, const RestoreTables& tables) {
+int KavophotoRestoreDB(const char* dir, const TransferTables& tables) {
   const int result = restoreArchive(dir, tables);
   removeUnpackedFiles(dir);
   return result;

@@ -22,11 +22,8 @@ KAVOUtils::ProcessRunner statementRunner(const std::string& statement) {
 // renamed.
 bool hasTable(DBConnect_tag* connection, const std::string& name) {
   Result found;
-  return KAVODBExecute(
-             connection,
-             formatText("SELECT FROM pg_class WHERE oid = to_regclass('public.%s')", escapeText(name).c_str()).c_str(),
-             &found.handle) != -1 &&
-         hasRows(found);
+  const Statement statement = sql("SELECT FROM pg_class WHERE oid = to_regclass('public.%s')", Name(name));
+  return KAVODBExecute(connection, statementText(statement).c_str(), &found.handle) != -1 && hasRows(found);
 }
 
 bool rename(const std::string& statement, const std::string& newName) {
@@ -37,20 +34,19 @@ bool contains(const std::vector<std::string>& names, const std::string& name) {
   return std::find(names.begin(), names.end(), name) != names.end();
 }
 
-// The names with `suffix` as a quoted list.
-std::string quotedNames(std::span<const char* const> tables, const char* suffix) {
-  std::string names;
+List namesWith(const char* suffix, std::span<const char* const> tables) {
+  std::vector<std::string> names;
   for (const char* table : tables) {
-    names += formatText(names.empty() ? "'%s%s'" : ", '%s%s'", table, suffix);
+    names.push_back(std::string(table) + suffix);
   }
-  return names;
+  return List::of(names, ", ");
 }
 
 // Column `column` of every row; nothing when the statement fails, which is logged.
-std::optional<std::vector<std::string>> listNames(DBConnect_tag* connection, const std::string& statement,
+std::optional<std::vector<std::string>> listNames(DBConnect_tag* connection, const Statement& statement,
                                                   const char* column) {
   Result rows;
-  if (!execute(connection, statement, rows)) {
+  if (!execute(connection, rows, statement)) {
     return std::nullopt;
   }
   std::vector<std::string> names;
@@ -62,38 +58,38 @@ std::optional<std::vector<std::string>> listNames(DBConnect_tag* connection, con
 
 std::optional<std::vector<std::string>> stagedTables(DBConnect_tag* connection, std::span<const char* const> tables) {
   return listNames(connection,
-                   formatText("SELECT tablename FROM pg_tables WHERE schemaname = 'public' and tablename in (%s)",
-                              quotedNames(tables, "_bak").c_str()),
+                   sql("SELECT tablename FROM pg_tables WHERE schemaname = 'public' and tablename in (%s)",
+                       namesWith("_bak", tables)),
                    "tablename");
 }
 
 // An index or a sequence takes a name as well as a table.
-constexpr const char* kAnyKind = "'r', 'p', 'v', 'm', 'f', 'i', 'I', 'S', 'c', 't'";
+const std::vector<std::string> kAnyKind = {"r", "p", "v", "m", "f", "i", "I", "S", "c", "t"};
 // What the application may have in the place of a table; all of these are renamed alike.
-constexpr const char* kRenamable = "'r', 'p', 'v', 'm', 'f'";
+const std::vector<std::string> kRenamable = {"r", "p", "v", "m", "f"};
 
 std::optional<std::vector<std::string>> namesOfKind(DBConnect_tag* connection, std::span<const char* const> tables,
-                                                    const char* suffix, const char* kinds) {
-  return listNames(connection,
-                   formatText("SELECT relname FROM pg_class WHERE relnamespace = 'public'::regnamespace and relkind in "
-                              "(%s) and relname in (%s)",
-                              kinds, quotedNames(tables, suffix).c_str()),
-                   "relname");
+                                                    const char* suffix, const std::vector<std::string>& kinds) {
+  return listNames(
+      connection,
+      sql("SELECT relname FROM pg_class WHERE relnamespace = 'public'::regnamespace and relkind in (%s) and "
+          "relname in (%s)",
+          List::of(kinds, ", "), namesWith(suffix, tables)),
+      "relname");
 }
 
 // The note is a setting of the database: every later run finds it, it belongs to a transaction, and it adds no table to
 // the application's database.
 bool note(DBConnect_tag* connection, const std::string& value) {
-  return execute(connection, formatText("ALTER DATABASE photo SET kavophoto_backup.staged = '%s'", value.c_str()));
+  return execute(connection, "ALTER DATABASE photo SET kavophoto_backup.staged = '%s'", Text{value});
 }
 
 // Writes only where there is a note.
 bool clearNote(DBConnect_tag* connection) {
   Result notes;
-  if (!execute(connection,
+  if (!execute(connection, notes,
                "SELECT FROM pg_db_role_setting, unnest(setconfig) AS note WHERE setrole = 0 AND setdatabase = (SELECT "
-               "oid FROM pg_database WHERE datname = current_database()) AND note LIKE 'kavophoto_backup.staged=%'",
-               notes)) {
+               "oid FROM pg_database WHERE datname = current_database()) AND note LIKE 'kavophoto_backup.staged=%%'")) {
     return false;
   }
   return !hasRows(notes) || execute(connection, "ALTER DATABASE photo RESET kavophoto_backup.staged");
@@ -129,7 +125,7 @@ class Transaction {
 //   its own through every renaming. So a live table that a backup has renamed is always older than one that the
 //   application has made since under the live name, whatever the note says. After 2^32 objects the count begins anew;
 //   two tables that are more than half of that apart are not compared.
-constexpr const char* kIsRestoresCopy =
+constexpr char kIsRestoresCopy[] =
     "SELECT staged.oid FROM pg_class staged, pg_class live, pg_db_role_setting noted, unnest(noted.setconfig) AS note "
     "WHERE staged.oid = to_regclass('public.%s_bak') AND live.oid = to_regclass('public.%s') "
     "AND staged.relkind = 'r' AND live.relkind = 'r' "
@@ -155,7 +151,7 @@ void logWithoutLiveTable(const char* table) {
 // Nothing when it cannot be asked, which is logged.
 std::optional<bool> isRestoresCopy(DBConnect_tag* connection, const char* table) {
   Result copies;
-  if (!execute(connection, formatText(kIsRestoresCopy, table, table), copies)) {
+  if (!execute(connection, copies, kIsRestoresCopy, Name(table), Name(table))) {
     return std::nullopt;
   }
   return hasRows(copies);
@@ -166,8 +162,8 @@ std::optional<bool> isRestoresCopy(DBConnect_tag* connection, const char* table)
 // anything is looked at.
 void dropStagedTable(DBConnect_tag* connection, const char* table) {
   Transaction transaction(connection);
-  if (!transaction.isOpen() || !execute(connection, formatText("LOCK TABLE %s IN ACCESS SHARE MODE", table)) ||
-      !execute(connection, formatText("LOCK TABLE %s_bak IN ACCESS EXCLUSIVE MODE", table))) {
+  if (!transaction.isOpen() || !execute(connection, "LOCK TABLE %s IN ACCESS SHARE MODE", Name(table)) ||
+      !execute(connection, "LOCK TABLE %s_bak IN ACCESS EXCLUSIVE MODE", Name(table))) {
     return;
   }
   const std::optional<bool> isCopy = isRestoresCopy(connection, table);
@@ -251,7 +247,7 @@ int dropStagedTables(DBConnect_tag* connection, std::span<const char* const> tab
     return -1;
   }
   // Others cannot be locked, and are never copied by a restore.
-  const auto lockable = namesOfKind(connection, tables, "", "'r', 'p', 'v'");
+  const auto lockable = namesOfKind(connection, tables, "", {"r", "p", "v"});
   for (const char* table : tables) {
     if (!contains(*staged, formatText("%s_bak", table))) {
       continue;
@@ -285,10 +281,10 @@ void reportForeignTables(std::span<const char* const> tables) {
 void logTablesWithChildren(DBConnect_tag* connection, std::span<const char* const> tables) {
   const auto parents =
       listNames(connection,
-                formatText("SELECT DISTINCT parent.relname FROM pg_class parent JOIN pg_inherits ON inhparent = "
-                           "parent.oid WHERE parent.relnamespace = 'public'::regnamespace and parent.relkind = 'r' and "
-                           "parent.relname in (%s)",
-                           quotedNames(tables, "_bak").c_str()),
+                sql("SELECT DISTINCT parent.relname FROM pg_class parent JOIN pg_inherits ON inhparent = "
+                    "parent.oid WHERE parent.relnamespace = 'public'::regnamespace and parent.relkind = 'r' and "
+                    "parent.relname in (%s)",
+                    namesWith("_bak", tables)),
                 "relname");
   for (const char* table : tables) {
     if (parents && contains(*parents, formatText("%s_bak", table))) {
@@ -320,8 +316,8 @@ bool noteStagingBegins(DBConnect_tag* connection) { return note(connection, "loa
 bool noteStagedTables(DBConnect_tag* connection, std::span<const char* const> tables) {
   const auto identifiers =
       listNames(connection,
-                formatText("SELECT oid FROM pg_class WHERE relnamespace = 'public'::regnamespace and relname in (%s)",
-                           quotedNames(tables, "_bak").c_str()),
+                sql("SELECT oid FROM pg_class WHERE relnamespace = 'public'::regnamespace and relname in (%s)",
+                    namesWith("_bak", tables)),
                 "oid");
   if (!identifiers) {
     return false;

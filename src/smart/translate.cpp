@@ -38,10 +38,10 @@ Screening screen(const std::string& ids) {
 
 // Collects the text of `column` of every row of `statement`. False, with one line logged, when it fails or gives no
 // row.
-bool collect(DBConnect_tag* connection, const std::string& statement, const char* column,
+bool collect(DBConnect_tag* connection, const Statement& statement, const char* column,
              std::vector<std::string>& texts) {
   Result rows;
-  if (!execute(connection, statement, rows)) {
+  if (!execute(connection, rows, statement)) {
     return false;
   }
   while (fetchRow(rows)) {
@@ -53,42 +53,34 @@ bool collect(DBConnect_tag* connection, const std::string& statement, const char
   return !texts.empty();
 }
 
-bool readNames(DBConnect_tag* source, const std::string& ids, const char* suffix, bool areShares,
-               std::vector<std::string>& names) {
-  const std::string statement =
-      areShares ? formatText("SELECT sharename AS name FROM photo_share%s WHERE shareid IN (@KAVO:VAR)", suffix)
-                : formatText("SELECT name FROM photo_label%s WHERE id IN (@KAVO:VAR)", suffix);
-  const AllocatedText filled(KAVODBEscapeStringEX3(KAVODBDatabaseTypeGet(source), statement.c_str(), ids.c_str()));
-  if (!filled) {
-    KAVO_LOG("Failed to KAVODBEscapeStringEX3[%s]", statement.c_str());
-    return false;
-  }
-  return collect(source, filled.get(), "name", names);
+Statement selectNames(bool areShares, const char* suffix, const List& ids) {
+  return areShares ? sql("SELECT sharename AS name FROM photo_share%s WHERE shareid IN (%s)", Name(suffix), ids)
+                   : sql("SELECT name FROM photo_label%s WHERE id IN (%s)", Name(suffix), ids);
 }
 
-// The names as 'name1','name2','name3'.
-std::string quotedList(DBConnect_tag* destination, const std::vector<std::string>& names) {
-  std::string list;
-  for (const std::string& name : names) {
-    const char* quoted = &name == &names.back() ? "'@KAVO:VAR'" : "'@KAVO:VAR',";
-    const AllocatedText filled(KAVODBEscapeStringEX3(KAVODBDatabaseTypeGet(destination), quoted, name.c_str()));
-    list += filled ? filled.get() : "";
+bool readNames(DBConnect_tag* source, const std::string& ids, const char* suffix, bool areShares,
+               std::vector<std::string>& names) {
+  const AllocatedText escaped(KAVODBEscapeStringEX3(KAVODBDatabaseTypeGet(source), "@KAVO:VAR", ids.c_str()));
+  if (!escaped) {
+    KAVO_LOG("Failed to KAVODBEscapeStringEX3[%s]",
+             statementText(selectNames(areShares, suffix, {"@KAVO:VAR"})).c_str());
+    return false;
   }
-  return list;
+  return collect(source, selectNames(areShares, suffix, List::ofNumbers(escaped.get())), "name", names);
+}
+
+Statement selectIds(bool areShares, const List& names) {
+  return areShares ? sql("SELECT shareid AS id FROM photo_share WHERE sharename IN (%s)", names)
+                   : sql("SELECT id FROM photo_label WHERE name IN (%s)", names);
 }
 
 bool findIds(DBConnect_tag* destination, const std::vector<std::string>& names, bool areShares,
              std::vector<std::string>& ids) {
-  const std::string list = quotedList(destination, names);
-  const std::string statement = areShares ? "SELECT shareid AS id FROM photo_share WHERE sharename IN (" + list + ")"
-                                          : "SELECT id FROM photo_label WHERE name IN (" + list + ")";
-  // Without a value nothing is filled in, also where a name holds the placeholder's own text.
-  const AllocatedText complete(KAVODBEscapeStringEX3(KAVODBDatabaseTypeGet(destination), statement.c_str()));
-  if (!complete) {
-    KAVO_LOG("Failed to KAVODBEscapeStringEX3[%s]", statement.c_str());
+  if (KAVODBDatabaseTypeGet(destination) != kPostgresqlType) {
+    KAVO_LOG("Failed to KAVODBEscapeStringEX3[%s]", statementText(selectIds(areShares, {})).c_str());
     return false;
   }
-  return collect(destination, complete.get(), "id", ids);
+  return collect(destination, selectIds(areShares, List::of(names, ",")), "id", ids);
 }
 
 std::string joined(const std::vector<std::string>& ids) {

@@ -1,0 +1,83 @@
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <optional>
+#include <set>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "platform/query.h"
+#include "platform/side_by_side.h"
+
+// Steps to the next row that `read` does not leave out.
+template <typename Read, typename Row>
+bool readNextRow(Result& listing, Read& read, std::optional<Row>& next) {
+  while (!next && fetchRow(listing)) {
+    next = read(listing);
+  }
+  return next.has_value();
+}
+
+// Reads the rows of one window. A row that shares a key with one of them is the first of the next window.
+template <typename Read, typename Row>
+void readWindow(Result& listing, Read& read, std::optional<Row>& next, std::vector<Row>& window) {
+  const std::size_t most = std::max<std::size_t>(windowRows(), 1);
+  std::set<std::string> known;
+  window.clear();
+  while (window.size() < most && readNextRow(listing, read, next)) {
+    std::vector<std::string> keys = keysOf(*next);
+    if (std::any_of(keys.begin(), keys.end(), [&known](const std::string& key) { return known.contains(key); })) {
+      return;
+    }
+    known.insert(std::make_move_iterator(keys.begin()), std::make_move_iterator(keys.end()));
+    window.push_back(std::move(*next));
+    next.reset();
+  }
+}
+
+// Merges the rows of a listing.
+//
+// `read` makes of the current row a value of what is needed of it, or nothing when the row is left out. It is called
+// once for each row, in their order, and runs no statements. `merge` runs the statements of one such value; true or 0
+// goes on, false (-1) or a negative number ends. keysOf(value), found beside the value's type, names the rows of the
+// destination that it is about: rows with a key in common never run side by side, so that each sees what the ones
+// before it wrote. `state` is what `merge` changes in this process for the rows after it; it is copied for each window.
+//
+// 0 when every row was merged; otherwise the result of the row that ended it. What was merged before stays.
+template <typename Read, typename Merge, typename State>
+int forEachRow(const Databases& databases, Result& listing, Read read, Merge merge, State& state) {
+  using Row = typename std::invoke_result_t<Read, const Result&>::value_type;
+  std::optional<Row> next;
+  std::vector<Row> window;
+  for (;;) {
+    readWindow(listing, read, next, window);
+    if (window.empty()) {
+      return 0;
+    }
+    const State before = state;
+    const int status = runRows(
+        databases, window.size(),
+        [&](std::size_t row) {
+          const auto result = merge(std::as_const(window[row]));
+          if constexpr (std::is_same_v<decltype(result), const bool>) {
+            return result ? 0 : -1;
+          } else {
+            return result;
+          }
+        },
+        [&] { state = before; });
+    if (status < 0) {
+      return status;
+    }
+  }
+}
+
+// The same for rows that hand nothing on to each other.
+template <typename Read, typename Merge>
+int forEachRow(const Databases& databases, Result& listing, Read read, Merge merge) {
+  int nothing = 0;
+  return forEachRow(databases, listing, std::move(read), std::move(merge), nothing);
+}
