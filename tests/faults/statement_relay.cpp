@@ -122,7 +122,7 @@ class Fields {
 
   std::string text() {
     const std::size_t end = message_.find('\0', at_);
-    const std::string text = message_.substr(at_, end - at_);
+    std::string text = message_.substr(at_, end - at_);
     at_ = end + 1;
     return text;
   }

@@ -52,7 +52,7 @@ class StatementRelay {
 
   // What the server has been asked for and has not answered yet.
   struct Asked {
-    Kind kind;
+    Kind kind = Kind::kExecution;
     // The answer to this one is held.
     bool target = false;
   };
