@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <utility>
 
+#include "faults/live_rows.h"
 #include "faults/next_run.h"
 #include "faults/statement_relay.h"
 

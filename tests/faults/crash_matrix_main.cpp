@@ -13,12 +13,16 @@ namespace {
 
 using crash::KillPoint;
 using crash::Mode;
-using crash::NextTrial;
 using crash::Reference;
 using crash::Scope;
+using crash::Trial;
 
-// Statements between two kill points, unless another number is given.
-constexpr long kStep = 25;
+// A step for what is tried at a spread of the statements, while the same command run again is tried at every one.
+constexpr long kSparse = 100;
+
+// The sample holds six rows in most tables, so that a merge of it takes several windows of this size.
+constexpr int kSmallWindow = 3;
+constexpr int kOwnWindow = 0;
 
 struct Kill {
   int signal;
@@ -29,6 +33,7 @@ constexpr Kill kKills[] = {
 
 // One line of the table.
 struct Cell {
+  int window;
   Mode killed;
   Mode next;
   Kill kill;
@@ -41,11 +46,7 @@ struct Meeting {
   std::vector<KillPoint> points;
 };
 
-// A command that is run again is tried at more programs than one that follows another.
-long programStep(const Reference& reference, long step, bool isDense) {
-  const long sparse = std::max(1L, std::min(step, reference.programs));
-  return isDense ? std::max(1L, std::min(step / kStep, sparse)) : sparse;
-}
+long programStep(const Reference& reference, long step) { return std::max(1L, std::min(step, reference.programs)); }
 
 // Every third point of programs, so one of before, during and after, and every second of statements, from another one
 // on in each line.
@@ -60,21 +61,30 @@ std::vector<KillPoint> thinned(const std::vector<KillPoint>& points, std::size_t
   return left;
 }
 
+// Before a statement the server is where it was after the last one, so that one of the two is enough.
+std::vector<KillPoint> densePoints(const Reference& reference, long step) {
+  std::vector<KillPoint> points = crash::killPoints(reference, 1, programStep(reference, step), step);
+  std::erase_if(points, [](const KillPoint& point) {
+    return point.at == KillPoint::At::kStatement && point.when == KillPoint::When::kBefore && point.number > 1;
+  });
+  return points;
+}
+
 // Each line begins somewhere else, so that they try different points.
 std::vector<Cell> planCells(long step) {
+  const long sparse = kSparse * step;
   std::vector<Cell> cells;
   for (const Mode killed : crash::kEveryMode) {
     for (const Kill& kill : kKills) {
       for (const Mode next : crash::kEveryMode) {
         const Reference& reference = crash::sharedReferenceOf(killed);
         constexpr long kPrime = 7;
-        const long first = 1 + static_cast<long>(cells.size()) * kPrime % std::min(step, reference.statements);
+        const long first = 1 + static_cast<long>(cells.size()) * kPrime % std::min(sparse, reference.statements);
         const bool isDense = killed == next && kill.signal == SIGKILL && kill.scope == Scope::kTool;
-        Cell cell = {killed, next, kill,
-                     crash::killPoints(reference, first, programStep(reference, step, isDense), step)};
-        if (!isDense) {
-          cell.points = thinned(cell.points, cells.size());
-        }
+        Cell cell = {crash::window(), killed, next, kill, {}};
+        cell.points = isDense ? densePoints(reference, step)
+                              : thinned(crash::killPoints(reference, first, programStep(reference, sparse), sparse),
+                                        cells.size());
         for (KillPoint& point : cell.points) {
           point.signal = kill.signal;
           point.scope = kill.scope;
@@ -86,15 +96,28 @@ std::vector<Cell> planCells(long step) {
   return cells;
 }
 
+// The merges once more with the window that the tool takes by itself, which holds all rows of a table.
+std::vector<Cell> planOwnWindow(long step) {
+  std::vector<Cell> cells;
+  for (const Mode mode : crash::kEveryMode) {
+    if (crash::merges(mode)) {
+      std::vector<KillPoint> points = densePoints(crash::sharedReferenceOf(mode), step);
+      std::erase_if(points, [](const KillPoint& point) { return point.at == KillPoint::At::kProgram; });
+      cells.push_back({crash::window(), mode, mode, kKills[0], points});
+    }
+  }
+  return cells;
+}
+
 std::vector<Meeting> planMeetings(long step) {
+  const long sparse = kSparse * step;
   std::vector<Meeting> meetings;
   for (const Mode held : crash::kEveryMode) {
     for (const Mode started : crash::kEveryMode) {
       const Reference& reference = crash::sharedReferenceOf(held);
       constexpr long kPrime = 7;
-      const long first = 1 + static_cast<long>(meetings.size()) * kPrime % std::min(step, reference.statements);
-      meetings.push_back(
-          {held, started, crash::holdPoints(reference, first, programStep(reference, step, false), step)});
+      const long first = 1 + static_cast<long>(meetings.size()) * kPrime % std::min(sparse, reference.statements);
+      meetings.push_back({held, started, crash::holdPoints(reference, first, programStep(reference, sparse), sparse)});
     }
   }
   return meetings;
@@ -106,13 +129,11 @@ double secondsOf(const std::function<void()>& work) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-NextTrial tryOne(const Cell& cell, const KillPoint& point) {
+Trial tryOne(const Cell& cell, const KillPoint& point) {
   if (cell.killed != cell.next || cell.killed == Mode::kExport) {
     return crash::killAndRunNext(cell.killed, cell.next, point);
   }
-  NextTrial trial;
-  static_cast<crash::Trial&>(trial) = crash::killAndRunAgain(crash::referenceOf(cell.killed), {point});
-  return trial;
+  return crash::killAndRunAgain(crash::referenceOf(cell.killed), {point});
 }
 
 void tell(Mode killed, Mode next, const std::string& where, const std::vector<std::string>& faults) {
@@ -123,31 +144,32 @@ void tell(Mode killed, Mode next, const std::string& where, const std::vector<st
 }
 
 bool runCell(const Cell& cell) {
-  NextTrial sum;
+  crash::useWindow(cell.window);
+  Trial sum;
   long otherFaults = 0;
   for (const KillPoint& point : cell.points) {
-    const NextTrial trial = tryOne(cell, point);
+    const Trial trial = tryOne(cell, point);
     sum.rowsLost += trial.rowsLost;
     sum.rowsDoubled += trial.rowsDoubled;
     sum.wrongNames += trial.wrongNames;
-    sum.caughtInReplacement += trial.caughtInReplacement > 0 ? 1 : 0;
-    sum.linksCut += trial.linksCut > 0 ? 1 : 0;
+    sum.halfMerged += trial.halfMerged;
     otherFaults += trial.otherFaults();
     tell(cell.killed, cell.next, crash::nameOf(point), trial.faults);
   }
-  std::printf("| %s | %s | %s | %s | %zu | %ld | %ld | %ld | %ld | %ld | %ld |\n", crash::nameOf(cell.killed).c_str(),
+  std::printf("| %s | %s | %s | %s | %s | %zu | %ld | %ld | %ld | %ld | %ld |\n", crash::nameOf(cell.killed).c_str(),
+              cell.window == kOwnWindow ? "own" : std::to_string(cell.window).c_str(),
               crash::signalName(cell.kill.signal).c_str(), crash::nameOf(cell.kill.scope).c_str(),
               cell.killed == cell.next ? "the same" : crash::nameOf(cell.next).c_str(), cell.points.size(),
-              sum.rowsLost, sum.rowsDoubled, sum.wrongNames, otherFaults, sum.caughtInReplacement, sum.linksCut);
+              sum.rowsLost, sum.halfMerged, sum.rowsDoubled, sum.wrongNames, otherFaults);
   std::fflush(stdout);
-  return sum.rowsLost == 0 && sum.rowsDoubled == 0 && sum.wrongNames == 0 && otherFaults == 0;
+  return sum.rowsLost == 0 && sum.halfMerged == 0 && sum.rowsDoubled == 0 && sum.wrongNames == 0 && otherFaults == 0;
 }
 
 // The next run of the same command is killed too.
 bool killTwice(Mode mode, long step) {
   const Reference& reference = crash::referenceOf(mode);
   constexpr std::size_t kSecondStep = 8;
-  const std::vector<KillPoint> points = crash::killPoints(reference, 1, programStep(reference, step, true), step);
+  const std::vector<KillPoint> points = crash::killPoints(reference, 1, programStep(reference, step), kSparse * step);
   long tried = 0;
   long faults = 0;
   for (std::size_t at = 0; at < points.size(); at += kSecondStep) {
@@ -196,23 +218,43 @@ double expectedSeconds(const std::vector<Cell>& cells, const std::vector<Meeting
   return sum;
 }
 
+// What a trial takes besides the time of the runs is in it too: laying out, looking, a server of its own for each.
+void tellWork(Mode mode, double seconds) {
+  const Reference& reference = crash::sharedReferenceOf(mode);
+  std::printf("| %s | %d | %ld | %ld | %.2f |\n", crash::nameOf(mode).c_str(), crash::window(), reference.programs,
+              reference.statements, seconds);
+  std::fflush(stdout);
+}
+
 int runMatrix(long step) {
+  std::printf(
+      "| Run | Window | Programs | Statements | Seconds, laid out and looked at |\n| --- | --- | --- | --- | --- |\n");
   std::map<Mode, double> seconds;
+  crash::useWindow(kOwnWindow);
+  for (const Mode mode : crash::kEveryMode) {
+    tellWork(mode, secondsOf([mode] { crash::sharedReferenceOf(mode); }));
+  }
+  const std::vector<Cell> ownWindow = planOwnWindow(step);
+  crash::useWindow(kSmallWindow);
   for (const Mode mode : crash::kEveryMode) {
     seconds[mode] = secondsOf([mode] { crash::sharedReferenceOf(mode); });
+    tellWork(mode, seconds[mode]);
   }
-  const std::vector<Cell> cells = planCells(step);
+  std::vector<Cell> cells = planCells(step);
+  cells.insert(cells.end(), ownWindow.begin(), ownWindow.end());
   const std::vector<Meeting> meetings = planMeetings(step);
   constexpr double kMinute = 60;
-  std::printf("This takes about %.0f minutes.\n\n", 1 + expectedSeconds(cells, meetings, seconds) / kMinute);
+  std::printf("\nThis takes about %.0f minutes.\n\n", 1 + expectedSeconds(cells, meetings, seconds) / kMinute);
   std::printf(
-      "| Killed | Signal | To | Next run | Tried | Rows lost | Rows doubled | Wrong names | Other faults | "
-      "Caught in replacement | Links cut |\n| --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- |\n");
+      "| Killed | Window | Signal | To | Next run | Tried | Rows lost | Half merged | Rows doubled | Wrong names | "
+      "Other "
+      "faults |\n| --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- |\n");
   std::fflush(stdout);
   bool isClean = true;
   for (const Cell& cell : cells) {
     isClean = runCell(cell) && isClean;
   }
+  crash::useWindow(kSmallWindow);
   std::printf("\n| Killed twice | Tried | Faults |\n| --- | --- | --- |\n");
   for (const Mode mode : crash::kModes) {
     isClean = killTwice(mode, step) && isClean;
@@ -228,7 +270,7 @@ int runMatrix(long step) {
 }  // namespace
 
 int main(int count, char** arguments) {
-  const long step = count > 1 ? std::atol(arguments[1]) : kStep;
+  const long step = count > 1 ? std::atol(arguments[1]) : 1;
   if (count > 2 || step < 1) {
     std::fprintf(stderr, "Usage: kavophoto_crash_matrix [STEP]\n");
     return EXIT_FAILURE;

@@ -7,6 +7,7 @@
 #include "merge/sample_rows.h"
 #include "platform/overwrite_mode.h"
 #include "platform/query.h"
+#include "platform/statement.h"
 #include "support/merge_test.h"
 #include "support/named_rows.h"
 
@@ -64,7 +65,7 @@ const std::vector<std::string>& nastyTexts() {
   return texts;
 }
 
-std::string quoted(const std::string& text) { return "'" + escapeText(text) + "'"; }
+std::string quoted(const std::string& text) { return statementText(sql("'%s'", Text{text})); }
 
 // The text as the name of a file; where it cannot be one, a plain name.
 std::string asFileName(const std::string& text, std::size_t number) {

@@ -16,19 +16,12 @@ std::vector<std::string> commandLine(Mode mode, const std::string& directory);
 // Runs whose programs are not counted make their files in kFirstDirectory, on layOutForEveryMode().
 const Reference& sharedReferenceOf(Mode mode);
 
-struct NextTrial : Trial {
-  // Rows of the one thing that the kill caught while it was being replaced: it is deleted and not inserted yet.
-  long caughtInReplacement = 0;
-  // Rows that link to a label or category that the killed run has replaced, and that still hold its earlier number.
-  long linksCut = 0;
-};
-
 // Kills a run of one mode at the point and runs another to its end. Then a last backup, because nothing but a backup
 // and a restore drops the staged copies of a killed restore. What is expected of the rows:
 // - None is lost that was there before and is there after an undisturbed run of either mode, nor one whose natural key
-//   is. The exceptions are counted apart, and only where the killed run replaces rows.
+//   is. Where the killed run replaces labels and categories, links may hold their earlier numbers.
 // - None is there more often than before, after either of the two or after the one and then the other.
 // - Where neither run writes to rows that were there, each of them is as it was.
-NextTrial killAndRunNext(Mode killed, Mode next, const KillPoint& point);
+Trial killAndRunNext(Mode killed, Mode next, const KillPoint& point);
 
 }  // namespace crash

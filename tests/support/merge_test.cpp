@@ -14,7 +14,24 @@ std::string modeName(Mode mode) {
   return "Unknown";
 }
 
-void PrintTo(Mode mode, std::ostream* stream) { *stream << modeName(mode); }
+std::string runName(const MergeRun& run) { return modeName(run.mode) + "Window" + std::to_string(run.window); }
+
+std::vector<MergeRun> mergeRuns(const std::vector<int>& windows) {
+  std::vector<MergeRun> runs;
+  for (const Mode mode : {Mode::Import, Mode::RestoreSkip, Mode::RestoreOverwrite}) {
+    for (const int window : windows) {
+      runs.push_back({mode, window});
+    }
+  }
+  return runs;
+}
+
+void PrintTo(const MergeRun& run, std::ostream* stream) { *stream << runName(run); }
+
+Outcome MergeTest::run(const std::vector<std::string>& arguments, RunOptions options) {
+  options.env.push_back("KAVOPHOTO_WINDOW=" + std::to_string(window_));
+  return ToolTest::run(arguments, options);
+}
 
 Outcome MergeTest::merge(const ArchiveOptions& options) {
   source();
