@@ -39,10 +39,10 @@ constexpr std::size_t kUsualRows = 64;
 // A window's statements go out in so many parts.
 constexpr std::size_t kBatches = 4;
 #ifdef KAVO_ADDRESS_SANITIZER
-constexpr std::size_t kStackBytes = 1024 * 1024;
+constexpr std::size_t kStackBytes = 1UL << 20U;
 #else
 // Only the pages that a row touches cost memory.
-constexpr std::size_t kStackBytes = 128 * 1024;
+constexpr std::size_t kStackBytes = 1UL << 17U;
 #endif
 
 // Tells the sanitizer which stack the program is on. Without one it does nothing.
