@@ -64,7 +64,7 @@ const std::vector<std::string>& nastyTexts() {
   return texts;
 }
 
-std::string quoted(const std::string& text) { return "'" + escapeText(text) + "'"; }
+std::string quoted(const std::string& text) { return List::of({text}, ",").text; }
 
 // The text as the name of a file; where it cannot be one, a plain name.
 std::string asFileName(const std::string& text, std::size_t number) {
