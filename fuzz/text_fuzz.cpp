@@ -1,4 +1,4 @@
-#include "platform/query.h"
+#include "platform/statement.h"
 #include "platform/text.h"
 #include "scratch_file.h"
 
@@ -60,7 +60,9 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   require(cut == text || capacity == 0 || cut.size() + 4 >= capacity, "no more than one character is given up");
 
   const std::string cString = text.c_str();
-  require(unescaped(escapeText(cString)) == cString, "an escaped text reads as it was");
+  const std::string quoted = statementText(sql("'%s'", Text{cString}));
+  require(unescaped(std::string_view(quoted).substr(1, quoted.size() - 2)) == cString,
+          "an escaped text reads as it was");
   const std::string printed = asPrinted(text);
   require(printed.size() <= text.size() && printed.size() * 2 >= text.size(), "only doubled percent signs vanish");
   return 0;

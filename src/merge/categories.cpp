@@ -27,7 +27,7 @@ std::optional<Category> readCategory(const Result& row) {
 int KavophotoSyncCategory(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix) {
   const Sides sides = {destination, source, suffix};
   return mergeRows(sides, sql("Select * from category%s", sides.suffix), readCategory, [&](const Category& category) {
-    return mergeRow(
+    return mergeNumberedRow(
         destination, sql("Select * from category where name = '%s'", category.name),
         sql("Delete from category where name = '%s'", category.name),
         sql("Insert into category (name, hidden, order_number, create_date, modify_date) Values "

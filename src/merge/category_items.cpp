@@ -88,6 +88,7 @@ bool mergeItem(DBConnect_tag* destination, const Item& item) {
   if (member != Lookup::kFound) {
     return member == Lookup::kMissing;
   }
+  takeTurn();
   return execute(destination,
                  "Insert into category_items (category_id, type, order_number, %s) Values ('%s', '%s', '%s', '%s')",
                  column, category, Text{item.kind->type}, item.orderNumber, item.number);

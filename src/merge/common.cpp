@@ -27,6 +27,16 @@ bool mergeRow(DBConnect_tag* destination, const Statement& lookUp, const Stateme
   return room == Room::kTaken || (room == Room::kFree && execute(destination, insert));
 }
 
+bool mergeNumberedRow(DBConnect_tag* destination, const Statement& lookUp, const Statement& remove,
+                      const Statement& insert) {
+  const Room room = makeRoom(destination, lookUp, remove);
+  if (room != Room::kFree) {
+    return room == Room::kTaken;
+  }
+  takeTurn();
+  return execute(destination, insert);
+}
+
 bool fileExists(const std::string& path) {
   struct stat status = {};
   return stat(path.c_str(), &status) == 0;

@@ -40,6 +40,11 @@ Room makeRoom(DBConnect_tag* destination, const Statement& lookUp, const Stateme
 // Merges one row that is replaced as a whole: `insert` runs when there is room. False when a statement failed.
 bool mergeRow(DBConnect_tag* destination, const Statement& lookUp, const Statement& remove, const Statement& insert);
 
+// The same for a row that the destination numbers: the numbers are in the order of the rows, also where some of them
+// are replaced and some are new.
+bool mergeNumberedRow(DBConnect_tag* destination, const Statement& lookUp, const Statement& remove,
+                      const Statement& insert);
+
 // True when something exists at `path` on the local file system.
 bool fileExists(const std::string& path);
 

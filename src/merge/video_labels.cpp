@@ -25,6 +25,7 @@ bool mergeLink(DBConnect_tag* destination, const Link& link) {
           link.path, link.name, link.category),
       kTextCapacity, [](const Raw& id) { return sql("Delete from photo_video_label where id = %s", id); },
       [&link](const Raw& label) {
+        takeTurn();
         return sql("Insert into photo_video_label (video_path, label_id, status) Values ('%s', %s, 't')", link.path,
                    label);
       });

@@ -201,14 +201,14 @@ class SavedStatement {
  public:
   explicit SavedStatement(DBConnect_tag& connection)
       : connection_(connection.savesEachStatement && PQtransactionStatus(connection.connection) == PQTRANS_INTRANS
-                        ? connection.connection
+                        ? &connection
                         : nullptr) {
     run("SAVEPOINT kavophoto_backup_statement");
   }
   SavedStatement(const SavedStatement&) = delete;
   SavedStatement& operator=(const SavedStatement&) = delete;
   ~SavedStatement() {
-    if (connection_ != nullptr && PQtransactionStatus(connection_) == PQTRANS_INERROR) {
+    if (connection_ != nullptr && PQtransactionStatus(connection_->connection) == PQTRANS_INERROR) {
       run("ROLLBACK TO SAVEPOINT kavophoto_backup_statement");
     }
     run("RELEASE SAVEPOINT kavophoto_backup_statement");
@@ -217,11 +217,12 @@ class SavedStatement {
  private:
   void run(const char* statement) const {
     if (connection_ != nullptr) {
-      const PGResultHandle done(PQexec(connection_, statement));
+      const PGResultHandle done(PQexec(connection_->connection, statement));
+      noteLoss(*connection_, done.get());
     }
   }
 
-  PGconn* connection_;
+  DBConnect_tag* connection_;
 };
 
 }  // namespace
@@ -240,6 +241,15 @@ std::string errorText(const PGresult* result, PGconn* connection) {
     text.append("  HINT:  ").append(hint);
   }
   return text;
+}
+
+void noteLoss(DBConnect_tag& connection, const PGresult* reply) {
+  // The server ends the session with such a reply, before the library sees the end of the connection.
+  const char* const severity = PQresultErrorField(reply, PG_DIAG_SEVERITY_NONLOCALIZED);
+  const bool endsSession = severity != nullptr && std::strcmp(severity, "ERROR") != 0;
+  if (connection.lossError.empty() && (endsSession || PQstatus(connection.connection) != CONNECTION_OK)) {
+    connection.lossError = errorText(reply, connection.connection);
+  }
 }
 
 bool changedSomething(PGresult* reply) {
@@ -463,6 +473,7 @@ bool KAVODBRowBegin(DBConnect_tag* connection) {
   }
   const PGResultHandle begun(
       PQexec(connection->connection, "BEGIN ISOLATION LEVEL READ COMMITTED; SET CONSTRAINTS ALL IMMEDIATE"));
+  noteLoss(*connection, begun.get());
   connection->savesEachStatement = PQresultStatus(begun.get()) == PGRES_COMMAND_OK;
   return connection->savesEachStatement;
 }

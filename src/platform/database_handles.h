@@ -52,7 +52,7 @@ struct Pipeline {
 struct DBConnect_tag {
   PGconn* connection = nullptr;
   std::string error;
-  // What the server or the library said when the connection was lost in a pipeline, until a statement fails for it.
+  // What the server or the library said when the connection was lost, until a statement fails for it.
   std::string lossError;
   // Whether a command has changed something, so that there is something to make durable.
   bool wrote = false;
@@ -74,6 +74,10 @@ struct DBResult_tag {
 // One line of what the server said, or the library where the server said nothing. The statement is left out: whoever
 // logs the error logs that too.
 std::string errorText(const PGresult* result, PGconn* connection);
+
+// Keeps the reason why the connection is lost, when it is, for the statement that next fails for it. To be called with
+// every reply that nobody else reports; null for none.
+void noteLoss(DBConnect_tag& connection, const PGresult* reply);
 
 // Whether the command of this reply has changed anything. A failed command and a single row have no status.
 bool changedSomething(PGresult* reply);

@@ -9,26 +9,47 @@
 #include <utility>
 #include <vector>
 
+#include "platform/progress.h"
 #include "platform/query.h"
 #include "platform/side_by_side.h"
 
+// What `read` makes of a row, and the row's number in the listing, from 1.
+template <typename Row>
+struct ListedRow {
+  Row row;
+  long long place;
+};
+
+// A listing, and how far it has been read.
+struct ListingReader {
+  Result& listing;
+  long long place = 0;
+};
+
 // Steps to the next row that `read` does not leave out.
 template <typename Read, typename Row>
-bool readNextRow(Result& listing, Read& read, std::optional<Row>& next) {
-  while (!next && fetchRow(listing)) {
-    next = read(listing);
+bool readNextRow(ListingReader& reader, Read& read, std::optional<ListedRow<Row>>& next) {
+  Result& listing = reader.listing;
+  while (!next && KAVODBFetchRow(listing.handle, &listing.row) == 0) {
+    ++reader.place;
+    if (std::optional<Row> row = read(std::as_const(listing))) {
+      next = {std::move(*row), reader.place};
+    } else {
+      progressRowsUpTo(listing.handle, rowCount(listing), reader.place);
+    }
   }
   return next.has_value();
 }
 
 // Reads the rows of one window. A row that shares a key with one of them is the first of the next window.
 template <typename Read, typename Row>
-void readWindow(Result& listing, Read& read, std::optional<Row>& next, std::vector<Row>& window) {
+void readWindow(ListingReader& reader, Read& read, std::optional<ListedRow<Row>>& next,
+                std::vector<ListedRow<Row>>& window) {
   const std::size_t most = std::max<std::size_t>(windowRows(), 1);
   std::set<std::string> known;
   window.clear();
-  while (window.size() < most && readNextRow(listing, read, next)) {
-    std::vector<std::string> keys = keysOf(*next);
+  while (window.size() < most && readNextRow(reader, read, next)) {
+    std::vector<std::string> keys = keysOf(next->row);
     if (std::any_of(keys.begin(), keys.end(), [&known](const std::string& key) { return known.contains(key); })) {
       return;
     }
@@ -50,18 +71,24 @@ void readWindow(Result& listing, Read& read, std::optional<Row>& next, std::vect
 template <typename Read, typename Merge, typename State>
 int forEachRow(const Databases& databases, Result& listing, Read read, Merge merge, State& state) {
   using Row = typename std::invoke_result_t<Read, const Result&>::value_type;
-  std::optional<Row> next;
-  std::vector<Row> window;
-  for (;;) {
-    readWindow(listing, read, next, window);
+  std::optional<ListedRow<Row>> next;
+  std::vector<ListedRow<Row>> window;
+  ListingReader reader = {listing};
+  const void* const shown = listing.handle;
+  const long long total = rowCount(listing);
+  progressRowsUpTo(shown, total, 0);
+  int status = 0;
+  while (status >= 0) {
+    readWindow(reader, read, next, window);
     if (window.empty()) {
-      return 0;
+      break;
     }
     const State before = state;
-    const int status = runRows(
+    status = runRows(
         databases, window.size(),
         [&](std::size_t row) {
-          const auto result = merge(std::as_const(window[row]));
+          const auto result = merge(std::as_const(window[row].row));
+          progressRowsUpTo(shown, total, window[row].place);
           if constexpr (std::is_same_v<decltype(result), const bool>) {
             return result ? 0 : -1;
           } else {
@@ -69,10 +96,9 @@ int forEachRow(const Databases& databases, Result& listing, Read read, Merge mer
           }
         },
         [&] { state = before; });
-    if (status < 0) {
-      return status;
-    }
   }
+  progressRowsEnd(shown);
+  return std::min(status, 0);
 }
 
 // The same for rows that hand nothing on to each other.

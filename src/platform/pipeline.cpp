@@ -22,13 +22,6 @@ bool runs(DBConnect_tag& connection, const char* statements) {
 
 bool isLost(const DBConnect_tag& connection) { return PQstatus(connection.connection) != CONNECTION_OK; }
 
-// The statement that next fails for the lost connection says why it is lost.
-void noteLoss(DBConnect_tag& connection, const PGresult* reply) {
-  if (isLost(connection) && connection.lossError.empty()) {
-    connection.lossError = errorText(reply, connection.connection);
-  }
-}
-
 bool add(DBConnect_tag& connection, bool wasSent, PendingReply reply) {
   if (!wasSent) {
     noteLoss(connection, nullptr);

@@ -3,6 +3,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -167,6 +168,10 @@ void progressTable(const char* table, std::size_t place, std::size_t of) {
 }
 
 void progressRow(const void* result, long long total) {
+  progressRowsUpTo(result, total, result == progress().listing.result ? progress().listing.done + 1 : 1);
+}
+
+void progressRowsUpTo(const void* result, long long total, long long place) {
   if (!isShown()) {
     return;
   }
@@ -179,10 +184,11 @@ void progressRow(const void* result, long long total) {
   if (listing.result == nullptr && total > 1) {
     listing = {result, total, 0, Clock::now()};
   }
-  if (result != listing.result) {
+  if (result != listing.result || place == 0) {
     return;
   }
-  ++listing.done;
+  // Rows that are taken back and run again do not turn the line back.
+  listing.done = std::max(listing.done, place);
   drawIfDue(state, kRowInterval);
 }
 

@@ -18,5 +18,9 @@ void progressTable(const char* table, std::size_t place = 0, std::size_t of = 0)
 // listing: only its rows are shown, with their rate and the time left, and what is looked up for each of them is not.
 void progressRow(const void* result, long long total);
 
+// The same for a listing whose rows are dealt with later than they are fetched: it has got as far as its row number
+// `place`, from 1. 0 makes the result the listing before its first row.
+void progressRowsUpTo(const void* result, long long total, long long place);
+
 // `result` has been read to its end; the next one may be a listing.
 void progressRowsEnd(const void* result);

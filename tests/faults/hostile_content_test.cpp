@@ -7,7 +7,6 @@
 #include "merge/sample_rows.h"
 #include "platform/overwrite_mode.h"
 #include "platform/query.h"
-#include "platform/statement.h"
 #include "support/merge_test.h"
 #include "support/named_rows.h"
 
@@ -65,7 +64,7 @@ const std::vector<std::string>& nastyTexts() {
   return texts;
 }
 
-std::string quoted(const std::string& text) { return statementText(sql("'%s'", Text{text})); }
+std::string quoted(const std::string& text) { return List::of({text}, ",").text; }
 
 // The text as the name of a file; where it cannot be one, a plain name.
 std::string asFileName(const std::string& text, std::size_t number) {

@@ -19,10 +19,14 @@ class Common : public appliance::ToolTest {
   }
   DBConnect_tag* connection() { return connection_.get(); }
   // Replaces the entry 'key' of the live photo_config.
-  Merged mergeKey() {
-    return mergeRow(connection(), "Select * from photo_config where config_key = 'key'",
-                    "Delete from photo_config where config_key = 'key'",
-                    "Insert into photo_config Values ('new', 'key', 'new')");
+  bool mergeKey() {
+    return mergeRow(connection(), sql("Select * from photo_config where config_key = 'key'"),
+                    sql("Delete from photo_config where config_key = 'key'"),
+                    sql("Insert into photo_config Values ('new', 'key', 'new')"));
+  }
+  Room makeRoomForKey() {
+    return makeRoom(connection(), sql("Select * from photo_config where config_key = 'key'"),
+                    sql("Delete from photo_config where config_key = 'key'"));
   }
   void expectModules(const appliance::Rows& expected) {
     expectRows(live(), "SELECT module_name FROM photo_config ORDER BY 1", expected);
@@ -40,40 +44,53 @@ TEST_F(Common, InsertsARowThatIsNotThereInEitherMode) {
   for (const bool overwrites : {false, true}) {
     const appliance::OverwriteMode mode(overwrites);
     live().exec("TRUNCATE photo_config");
-    EXPECT_EQ(mergeKey(), Merged::kInserted);
+    EXPECT_TRUE(mergeKey());
     expectModules({{"new"}});
   }
 }
 
 TEST_F(Common, KeepsAllRowsThatAreThereInSkipMode) {
   live().exec("INSERT INTO photo_config VALUES ('a', 'key', ''), ('b', 'key', '')");
-  EXPECT_EQ(mergeKey(), Merged::kKept);
+  EXPECT_TRUE(mergeKey());
   expectModules({{"a"}, {"b"}});
 }
 
 TEST_F(Common, ReplacesAllRowsThatAreThereInOverwriteMode) {
   const appliance::OverwriteMode mode(true);
   live().exec("INSERT INTO photo_config VALUES ('a', 'key', ''), ('b', 'key', ''), ('c', 'other', '')");
-  EXPECT_EQ(mergeKey(), Merged::kInserted);
+  EXPECT_TRUE(mergeKey());
   expectModules({{"c"}, {"new"}});
+}
+
+TEST_F(Common, RoomIsMadeInOverwriteModeOnly) {
+  EXPECT_EQ(makeRoomForKey(), Room::kFree);
+  live().exec("INSERT INTO photo_config VALUES ('a', 'key', ''), ('c', 'other', '')");
+  EXPECT_EQ(makeRoomForKey(), Room::kTaken);
+  expectModules({{"a"}, {"c"}});
+  const appliance::OverwriteMode mode(true);
+  EXPECT_EQ(makeRoomForKey(), Room::kFree);
+  expectModules({{"c"}});
+  live().exec("DROP TABLE photo_config");
+  EXPECT_EQ(makeRoomForKey(), Room::kFailed);
+  expectMessages({failed("Select * from photo_config where config_key = 'key'", appliance::noTable("photo_config"))});
 }
 
 TEST_F(Common, StopsAtTheStatementOfARowThatFails) {
   const appliance::OverwriteMode mode(true);
   live().exec("INSERT INTO photo_config VALUES ('a', 'key', '')");
   appliance::refuseWriting(live(), "photo_config", "INSERT", "true");
-  EXPECT_EQ(mergeKey(), Merged::kFailed);
+  EXPECT_FALSE(mergeKey());
   expectMessages({failed("Insert into photo_config Values ('new', 'key', 'new')", appliance::kRefused)});
   expectModules({});
 
   live().exec("DROP TRIGGER refuse_INSERT ON photo_config; INSERT INTO photo_config VALUES ('a', 'key', '')");
   appliance::refuseWriting(live(), "photo_config", "DELETE", "true");
-  EXPECT_EQ(mergeKey(), Merged::kFailed);
+  EXPECT_FALSE(mergeKey());
   expectMessages({failed("Delete from photo_config where config_key = 'key'", appliance::kRefused)});
   expectModules({{"a"}});
 
   live().exec("ALTER TABLE photo_config RENAME TO renamed");
-  EXPECT_EQ(mergeKey(), Merged::kFailed);
+  EXPECT_FALSE(mergeKey());
   expectMessages({failed("Select * from photo_config where config_key = 'key'", appliance::noTable("photo_config"))});
 }
 
@@ -93,30 +110,30 @@ TEST_F(Common, AFileExistsWhenItsPathLeadsSomewhere) {
 }
 
 TEST_F(Common, TheNextNumberIsOneAboveTheHighest) {
-  const char* const highest = "Select groupid from photo_group order by groupid desc limit 1";
+  const Statement highest = sql("Select groupid from photo_group order by groupid desc limit 1");
   EXPECT_EQ(nextNumber(connection(), highest, "groupid"), 1);
   live().exec("INSERT INTO photo_group VALUES (7, 'a', ''), (41, 'b', ''), (9, 'c', '')");
   EXPECT_EQ(nextNumber(connection(), highest, "groupid"), 42);
   live().exec("DELETE FROM photo_group WHERE groupid > 7; UPDATE photo_group SET groupid = -5");
   EXPECT_EQ(nextNumber(connection(), highest, "groupid"), -4);
-  EXPECT_EQ(nextNumber(connection(), "Select NULL as groupid", "groupid"), 1);
-  EXPECT_EQ(nextNumber(connection(), "Select 2147483647 as groupid", "groupid"), 2147483648LL);
+  EXPECT_EQ(nextNumber(connection(), sql("Select NULL as groupid"), "groupid"), 1);
+  EXPECT_EQ(nextNumber(connection(), sql("Select 2147483647 as groupid"), "groupid"), 2147483648LL);
   constexpr long long kHighest = std::numeric_limits<long long>::max();
-  EXPECT_EQ(nextNumber(connection(), "Select 9223372036854775806 as groupid", "groupid"), kHighest);
-  EXPECT_EQ(nextNumber(connection(), "Select 9223372036854775807 as groupid", "groupid"), kHighest);
-  EXPECT_EQ(nextNumber(connection(), "Select 99999999999999999999 as groupid", "groupid"), kHighest);
+  EXPECT_EQ(nextNumber(connection(), sql("Select 9223372036854775806 as groupid"), "groupid"), kHighest);
+  EXPECT_EQ(nextNumber(connection(), sql("Select 9223372036854775807 as groupid"), "groupid"), kHighest);
+  EXPECT_EQ(nextNumber(connection(), sql("Select 99999999999999999999 as groupid"), "groupid"), kHighest);
   expectNoMessages();
 }
 
 TEST_F(Common, TheNextNumberIsOneWhenTheHighestCannotBeRead) {
-  EXPECT_EQ(nextNumber(connection(), "Select groupid from gone", "groupid"), 1);
+  EXPECT_EQ(nextNumber(connection(), sql("Select groupid from gone"), "groupid"), 1);
   expectMessages({failed("Select groupid from gone", appliance::noTable("gone"))});
 }
 
 TEST_F(Common, TakesEveryRowOrSaysSo) {
   const auto take = [&](const std::string& refused, int last = 3) {
     Result rows;
-    EXPECT_TRUE(execute(connection(), formatText("Select generate_series(1, %d) as number", last), rows));
+    EXPECT_TRUE(execute(connection(), rows, "Select generate_series(1, %s) as number", last));
     std::string taken;
     const bool all = takeEveryRow(rows, [&] {
       const std::string number = fieldText(rows, "number");
@@ -143,10 +160,10 @@ TEST_F(Common, FindsAShareByItsName) {
       "(7, 'other'), (44, repeat('n', 62) || 'é')");
   const Connection from = connectTo("other");
   const auto find = [&](const char* suffix, const char* share, std::size_t capacity) {
-    std::string number = "unset";
-    const Lookup found = findShare(connection(), from.get(), suffix, share, capacity, number);
-    EXPECT_EQ(found == Lookup::kFound, number != "unset");
-    return found == Lookup::kMissing ? "missing" : found == Lookup::kFailed ? "failed" : number;
+    Raw number("unset");
+    const Lookup found = findShare({connection(), from.get(), suffix}, Raw(share), capacity, number);
+    EXPECT_EQ(found == Lookup::kFound, number.text != "unset");
+    return found == Lookup::kMissing ? "missing" : found == Lookup::kFailed ? "failed" : number.text;
   };
   EXPECT_EQ(find("", "7", kTextCapacity), "41");
   EXPECT_EQ(find("_bak", "7", kTextCapacity), "42");

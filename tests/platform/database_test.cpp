@@ -12,6 +12,7 @@
 
 #include "platform/handles.h"
 #include "platform/query.h"
+#include "support/run_statement.h"
 #include "support/tool_test.h"
 
 namespace {
@@ -54,7 +55,7 @@ class DatabaseAccess : public appliance::ToolTest {
 
   static std::string valueOf(DBConnect_tag* connection, const std::string& statement) {
     Result result;
-    EXPECT_TRUE(execute(connection, statement, result)) << statement;
+    EXPECT_TRUE(appliance::runStatement(connection, result, statement)) << statement;
     appliance::checked();
     EXPECT_EQ(KAVODBFetchRow(result.handle, &result.row), 0);
     return KAVODBFetchField(result.handle, result.row, "v");
@@ -464,16 +465,16 @@ TEST_F(DatabaseAccess, GivesManyRowsInTheServersOrder) {
 TEST_F(DatabaseAccess, RunsOtherStatementsWhileManyRowsAreRead) {
   const Connection connection = connectTo("photo");
   Result outer;
-  ASSERT_TRUE(execute(connection.get(), "SELECT i AS v, repeat('x', 500) FROM generate_series(1, 5000) i", outer));
+  ASSERT_TRUE(execute(connection.get(), outer, "SELECT i AS v, repeat('x', 500) FROM generate_series(1, 5000) i"));
   Result inner;
-  ASSERT_TRUE(execute(connection.get(), "SELECT i AS v, repeat('y', 500) FROM generate_series(1, 5000) i", inner));
+  ASSERT_TRUE(execute(connection.get(), inner, "SELECT i AS v, repeat('y', 500) FROM generate_series(1, 5000) i"));
   ASSERT_TRUE(execute(connection.get(), "INSERT INTO photo_group VALUES (1, '0', '')"));
   for (int number = 1; number <= 5000; ++number) {
     ASSERT_TRUE(fetchRow(outer) && fetchRow(inner));
     ASSERT_EQ(fieldText(outer, "v"), std::to_string(number));
     ASSERT_EQ(fieldText(inner, "v"), std::to_string(number));
     if (number % 100 == 0) {
-      ASSERT_TRUE(execute(connection.get(), "UPDATE photo_group SET groupname = '" + std::to_string(number) + "'"));
+      ASSERT_TRUE(execute(connection.get(), "UPDATE photo_group SET groupname = '%s'", number));
     }
   }
   EXPECT_FALSE(fetchRow(outer) || fetchRow(inner));

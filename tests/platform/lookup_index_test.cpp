@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "platform/query.h"
+#include "support/run_statement.h"
 #include "support/tool_test.h"
 
 namespace {
@@ -53,14 +54,14 @@ TEST_F(LookupIndex, ExistsOnlyInsideItsTransaction) {
     KAVODBTransBegin(connection.get());
     EXPECT_TRUE(createLookupIndex(connection.get(), "photo_log", "create_time", 1000));
     Result own;
-    ASSERT_TRUE(execute(connection.get(), kIndexes, own));
+    ASSERT_TRUE(appliance::runStatement(connection.get(), own, kIndexes));
     ASSERT_TRUE(fetchRow(own));
     EXPECT_EQ(fieldText(own, "count"), "1");
     EXPECT_EQ(live().value(kIndexes), "0");
     if (std::string(ending) == "COMMIT") {
       dropLookupIndex(connection.get());
     }
-    ASSERT_TRUE(execute(connection.get(), ending));
+    ASSERT_TRUE(appliance::runStatement(connection.get(), ending));
     EXPECT_EQ(live().value(kIndexes), "0");
   }
   EXPECT_EQ(appliance::structure("photo"), before);
@@ -71,7 +72,7 @@ TEST_F(LookupIndex, IsNotMadeForAFewLookUps) {
   KAVODBTransBegin(connection.get());
   EXPECT_FALSE(createLookupIndex(connection.get(), "photo_log", "create_time", 999));
   Result own;
-  ASSERT_TRUE(execute(connection.get(), kIndexes, own));
+  ASSERT_TRUE(appliance::runStatement(connection.get(), own, kIndexes));
   ASSERT_TRUE(fetchRow(own));
   EXPECT_EQ(fieldText(own, "count"), "0");
   expectNoMessages();
@@ -101,7 +102,7 @@ TEST_F(LookupIndex, IsNotMadeWithoutStatistics) {
   KAVODBTransBegin(connection.get());
   EXPECT_FALSE(createLookupIndex(connection.get(), "photo_log", "create_time", 1000));
   Result own;
-  ASSERT_TRUE(execute(connection.get(), kIndexes, own));
+  ASSERT_TRUE(appliance::runStatement(connection.get(), own, kIndexes));
   ASSERT_TRUE(fetchRow(own));
   EXPECT_EQ(fieldText(own, "count"), "0");
   expectNoMessages();

@@ -199,7 +199,7 @@ TEST_F(Runner, LeaksNoDescriptorIntoTheProgram) {
   const Connection connection = connectTo("photo");
   ASSERT_TRUE(connection);
   Result large;
-  ASSERT_TRUE(execute(connection.get(), "SELECT repeat('x', 1000) FROM generate_series(1, 2000)", large));
+  ASSERT_TRUE(execute(connection.get(), large, "SELECT repeat('x', 1000) FROM generate_series(1, 2000)"));
   for (const bool capture : {false, true}) {
     ProcessRunner runner("/bin/sh", "/bin/sh", "-c", "exec ls -U /proc/self/fd 2>&1 > /tmp/descriptors");
     EXPECT_EQ(runner.run(true, capture), 0);

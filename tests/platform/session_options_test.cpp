@@ -47,7 +47,7 @@ class SessionOptions : public appliance::ToolTest {
   static std::string setting(const std::string& name) {
     const Connection connection = connectTo("photo");
     Result result;
-    EXPECT_TRUE(execute(connection.get(), "SELECT current_setting('" + name + "') AS v", result));
+    EXPECT_TRUE(execute(connection.get(), result, "SELECT current_setting('%s') AS v", Text{name}));
     EXPECT_TRUE(fetchRow(result));
     appliance::checked();
     return fieldText(result, "v");

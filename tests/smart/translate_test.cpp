@@ -37,7 +37,7 @@ class TranslateIdList : public appliance::ToolTest {
     return "(-1)";
   }
 
-  static std::string literal(const std::string& text) { return "'" + escapeText(text) + "'"; }
+  static std::string literal(const std::string& text) { return List::of({text}, ",").text; }
 
   Connection destination_;
   Connection source_;
