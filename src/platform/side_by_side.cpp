@@ -35,9 +35,9 @@
 namespace {
 
 constexpr std::size_t kMostRows = 1024;
-constexpr std::size_t kUsualRows = 64;
+constexpr std::size_t kUsualRows = 128;
 // A window's statements go out in so many parts.
-constexpr std::size_t kBatches = 4;
+constexpr std::size_t kBatches = 2;
 #ifdef KAVO_ADDRESS_SANITIZER
 constexpr std::size_t kStackBytes = 1UL << 20U;
 #else

@@ -29,7 +29,7 @@ std::vector<MergeRun> mergeRuns(const std::vector<int>& windows) {
 void PrintTo(const MergeRun& run, std::ostream* stream) { *stream << runName(run); }
 
 Outcome MergeTest::run(const std::vector<std::string>& arguments, RunOptions options) {
-  options.env.push_back("KAVOPHOTO_WINDOW=" + std::to_string(window_));
+  options.env.push_back("KAVOPHOTO_WINDOW=" + std::to_string(window_.value_or(GetParam().window)));
   return ToolTest::run(arguments, options);
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -57,7 +58,8 @@ class MergeTest : public ToolTest, public ::testing::WithParamInterface<MergeRun
   void noteCopiesLeft();
 
   std::vector<std::string> copiesLeft_;
-  int window_ = GetParam().window;
+  // In place of the parameter's.
+  std::optional<int> window_;
 };
 
 }  // namespace appliance
