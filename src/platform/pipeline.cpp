@@ -12,7 +12,7 @@ constexpr std::size_t kMostPrepared = 500;
 
 bool succeeded(const PGresult* reply) {
   const ExecStatusType status = PQresultStatus(reply);
-  return status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK;
+  return status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK || status == PGRES_EMPTY_QUERY;
 }
 
 bool runs(DBConnect_tag& connection, const char* statements) {
@@ -110,9 +110,9 @@ bool beginPipeline(DBConnect_tag* connection, bool withTransaction) {
   connection->pipeline.hasTransaction = withTransaction;
   connection->pipeline.isInsideTransaction = isInside;
   if (!withTransaction) {
-    return true;
-  }
-  if (isInside) {
+    // The library would give the first statement row by row when the connection has read a listing before.
+    addOwn(*connection, "");
+  } else if (isInside) {
     addOwn(*connection, "SAVEPOINT kavophoto_backup_window");
   } else {
     // As a statement alone would have it, each sees what others have committed meanwhile, and a deferred constraint
