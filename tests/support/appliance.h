@@ -25,8 +25,6 @@ struct EnterOptions {
   // "name=value" server settings on top of (and winning over) the appliance's own.
   std::vector<std::string> settings;
   bool fsync = false;
-  // Whether the tool may keep the machine's processors awake. Tests leave the machine as it is.
-  bool keepsAwake = false;
   // The tool to copy into the appliance; empty: the one built with this library.
   std::string tool;
 };

@@ -155,17 +155,12 @@ void bindTopLevel(const std::string& root) {
 }
 
 // /dev/log must be ours, so the folder is; the devices themselves are the machine's.
-void makeDevices(const std::string& root, bool keepsAwake) {
+void makeDevices(const std::string& root) {
   const std::string dev = root + "/dev";
   makeFolder(dev);
   for (const char* name : {"null", "zero", "full", "random", "urandom", "tty"}) {
     makeFile(dev + "/" + name, "");
     bindOrFail(std::string("/dev/") + name, dev + "/" + name);
-  }
-  const std::string latency = "/dev/cpu_dma_latency";
-  if (keepsAwake && fs::exists(latency)) {
-    makeFile(root + latency, "");
-    bindOrFail(latency, root + latency);
   }
   makeFolder(dev + "/shm", 01777);
   // An instance of its own, because an ordinary user may not open the machine's multiplexer through a link.
@@ -305,7 +300,7 @@ void enterRoot(const EnterOptions& options, std::vector<std::string>& preserved)
   makeFolder(root + "/etc.defaults");
   makeFolder(root + kHome);
   bindTopLevel(root);
-  makeDevices(root, options.keepsAwake);
+  makeDevices(root);
   makeFolder(root + "/appliance/bin");
   const std::string tool = options.tool.empty() ? APPLIANCE_TOOL : options.tool;
   fs::copy_file(tool, root + kTool);
