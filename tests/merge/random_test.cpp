@@ -2,6 +2,7 @@
 #include <filesystem>
 #include <optional>
 #include <random>
+#include <regex>
 #include <set>
 #include <utility>
 
@@ -686,7 +687,16 @@ class RandomRows : public appliance::MergeTest {
     for (const auto& [table, rows] : rowByRow.second) {
       EXPECT_EQ(sideBySide.second.at(table), rows) << table << " after the second merge";
     }
-    EXPECT_THAT(sideBySide.messages, testing::ElementsAreArray(rowByRow.messages));
+    EXPECT_THAT(withoutNumbers(sideBySide.messages), testing::ElementsAreArray(withoutNumbers(rowByRow.messages)));
+  }
+
+  // Rows that ran side by side and again alone leave a gap in the numbers of photos.
+  static std::vector<std::string> withoutNumbers(std::vector<std::string> messages) {
+    static const std::regex number("(image_id|photo_id) = '?[0-9]+'?");
+    for (std::string& message : messages) {
+      message = std::regex_replace(message, number, "$1 = N");
+    }
+    return messages;
   }
 
   std::map<std::string, std::vector<Told>> before_;
