@@ -480,6 +480,9 @@ bool KAVODBRowBegin(DBConnect_tag* connection) {
 
 int KAVODBRowEnd(DBConnect_tag* connection) {
   connection->savesEachStatement = false;
+  if (PQstatus(connection->connection) != CONNECTION_OK) {
+    return 0;
+  }
   DBResult_tag* result = nullptr;
   const int status = KAVODBExecute(connection, "COMMIT", &result);
   KAVODBFreeResult(result);

@@ -92,7 +92,7 @@ void KAVODBTransCommit(DBConnect_tag* connection);
 bool KAVODBRowBegin(DBConnect_tag* connection);
 
 // Commits what KAVODBRowBegin has begun. 0 on success; -1 on failure, with the reason in KAVODBErrorGet: nothing of the
-// row is written then.
+// row is written then. 0 too when a statement of the row has found the connection lost, which was its failure.
 int KAVODBRowEnd(DBConnect_tag* connection);
 
 // True while the connection can run statements: it is not lost and no failed transaction is open on it.

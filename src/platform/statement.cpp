@@ -117,7 +117,7 @@ bool staysInText(const Argument& argument) {
 Raw::Raw(std::string value) : text(std::move(value)), mayBeQuoted(hasQuotesInPairs(text)), mayBeBare(isNumeric(text)) {}
 
 List List::of(const std::vector<std::string>& texts, const char* separator) {
-  List list;
+  List list = {"", true};
   for (const std::string& text : texts) {
     list.text.append(list.text.empty() ? "" : separator).append("'");
     appendEscaped(list.text, text);

@@ -41,7 +41,7 @@ struct List {
   static List ofNumbers(const std::string& numbers);
 
   std::string text;
-  bool mayBeBare = true;
+  bool mayBeBare = false;
 };
 
 // A name, or the end of one, of a table or column: letters, digits and underscores. Anything else fails in a statement.
@@ -98,12 +98,21 @@ constexpr bool fits(const TemplatePlace& place) {
 // Never defined: a template that calls it while it is compiled does not compile.
 void placesAndValuesOfTheTemplateDoNotMatch();
 
-// A literal with a place for each of `Values`, and the line where it stands.
+// A literal, and the line where it stands. It cannot be made of anything else.
+struct Literal {
+  template <std::size_t size>
+  consteval Literal(const char (&literal)[size], int at) : text(literal), line(at) {}
+
+  const std::string_view text;
+  const int line;
+};
+
+// A literal with a place for each of `Values`.
 template <typename... Values>
-struct Template {
+struct Template : Literal {
   template <std::size_t size>
   consteval Template(const char (&literal)[size], int at = __builtin_LINE())  // NOLINT(google-explicit-constructor)
-      : text(literal), line(at) {
+      : Literal(literal, at) {
     std::size_t from = 0;
     bool insideText = false;
     [[maybe_unused]] const auto check = [&](auto fitsHere) {
@@ -118,9 +127,6 @@ struct Template {
       placesAndValuesOfTheTemplateDoNotMatch();
     }
   }
-
-  std::string_view text;
-  int line;
 };
 
 // A value in the form in which statements use it.
@@ -143,9 +149,7 @@ struct Argument {
   bool mayBeBare = true;
 };
 
-struct Statement {
-  std::string_view text;
-  int line = 0;
+struct Statement : Literal {
   std::vector<Argument> arguments;
 };
 
@@ -153,7 +157,7 @@ struct Statement {
 template <typename... Values>
 requires(StatementValue<Values>&&...) Statement
     sql(std::type_identity_t<Template<Values...>> text, const Values&... values) {
-  Statement statement = {text.text, text.line, {}};
+  Statement statement = {text, {}};
   statement.arguments.reserve(sizeof...(values));
   (statement.arguments.emplace_back(values), ...);
   return statement;

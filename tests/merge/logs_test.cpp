@@ -97,7 +97,7 @@ TEST_P(Logs, CutValuesToTheirCapacities) {
        {"2014-01-01 00:00:00", "8191", "'", "f", "1023", "'"}});
 }
 
-TEST_P(Logs, AreWrittenInOneTransactionAndOtherTablesInOnePerStatement) {
+TEST_P(Logs, AreWrittenInOneTransactionAndOtherTablesInOnePerWindow) {
   live().exec(
       "CREATE TABLE written (name text, transaction bigint);"
       "CREATE FUNCTION note() RETURNS trigger LANGUAGE plpgsql AS "
@@ -107,12 +107,13 @@ TEST_P(Logs, AreWrittenInOneTransactionAndOtherTablesInOnePerStatement) {
       "CREATE TRIGGER note BEFORE INSERT ON category FOR EACH ROW EXECUTE FUNCTION note()");
   source().exec(
       "INSERT INTO photo_log VALUES (1, '2011-01-01', '', true, 'a'), (2, '2011-01-01', '', true, 'b'), "
-      "(3, '2011-01-01', '', true, 'c');"
-      "INSERT INTO photo_config VALUES ('a', 'a', ''), ('a', 'b', ''), ('a', 'c', '');"
-      "INSERT INTO category (name, hidden, order_number) VALUES ('a', true, 1), ('b', true, 2), ('c', true, 3)");
+      "(3, '2011-01-01', '', true, 'c'); INSERT INTO photo_log SELECT i, '2012-01-01', '', true, 'u' || i FROM "
+      "generate_series(4, 130) i;"
+      "INSERT INTO photo_config SELECT 'a', i, '' FROM generate_series(1, 130) i;"
+      "INSERT INTO category (name, hidden, order_number) SELECT i, true, i FROM generate_series(1, 64) i");
   EXPECT_EQ(merge().status, 0);
   expectRows(live(), "SELECT name, count(*), count(DISTINCT transaction) FROM written GROUP BY 1 ORDER BY 1",
-             {{"category", "3", "3"}, {"photo_config", "3", "3"}, {"photo_log", "3", "1"}});
+             {{"category", "64", "1"}, {"photo_config", "130", "3"}, {"photo_log", "130", "1"}});
 }
 
 TEST_P(Logs, EndBeforeTheTransactionWhenTheHighestNumberCannotBeRead) {

@@ -269,6 +269,38 @@ TEST_P(PersonalCollections, StopAtTheFamilyWhoseMembersCannotBeRead) {
   EXPECT_EQ(live().count(families()[2].table), 1);
 }
 
+TEST_P(PersonalCollections, NeverRunWhatAValueOfTheirsSays) {
+  const std::string columns = "name, is_shared, start_time, end_time, sharelink, create_date, hidden";
+  const std::vector<std::string> links = {"'||pg_read_file('/etc/hostname')||'",
+                                          "', '2001-01-01', 'f'), (7, 'forged', 'f', NULL, NULL, '",
+                                          "'||(SELECT current_user)||'"};
+  for (const Family& family : families()) {
+    for (const std::string& link : links) {
+      SCOPED_TRACE(family.table + " " + link);
+      const std::string literal = List::of({link}, "").text;
+      source().exec("TRUNCATE " + family.table + ";" + collection(family, 1, "new", "2011") + "UPDATE " + family.table +
+                    " SET sharelink = " + literal);
+      live().exec("TRUNCATE " + family.table);
+      EXPECT_EQ(merge().status, 0);
+      const std::string kept =
+          "Failed to exec [INSERT INTO " + family.table + " (" + (family.hasUsers ? "userid, " : "") + columns +
+          ") VALUES (" + (family.hasUsers ? "501, " : "") +
+          "'new', 't', '2011-01-01 00:00:00', '2011-02-01 00:00:00', '" + link + "', '2011-03-01 00:00:00', 'f')] (";
+      expectMessagesMatch({testing::AllOf(testing::StartsWith(kept), testing::HasSubstr("] (ERROR:  ")),
+                           "Table " + family.table + " sync failed"});
+      EXPECT_EQ(live().count(family.table), 0);
+
+      source().exec("UPDATE " + family.table + " SET sharelink = 'link', name = " + literal);
+      EXPECT_EQ(merge().status, 0);
+      expectMessagesMatch({testing::StartsWith("Failed to exec [SELECT * FROM " + family.table + " WHERE name = '" +
+                                               link + "'] (ERROR:  "),
+                           "Table " + family.table + " sync failed"});
+      EXPECT_EQ(live().count(family.table), 0);
+    }
+    source().exec("TRUNCATE " + family.table);
+  }
+}
+
 class CollectionRoutine : public appliance::RoutineTest {
  protected:
   static Routine merging(const std::string& table) {
