@@ -127,7 +127,12 @@ struct Right {
 };
 
 // A right is looked for under the account's number of this machine, and inserted under the saved one.
-std::vector<std::string> keysOf(const Right& right) { return {std::to_string(right.number), right.savedNumber.text}; }
+std::vector<std::string> keysOf(const Right& right) {
+  if (!isPrintedNumber(right.savedNumber.text)) {
+    return {};
+  }
+  return {std::to_string(right.number), right.savedNumber.text};
+}
 
 // Nothing for a right of an account that this machine lacks.
 std::optional<Right> readRight(const HostTable& host, const SzHash& accounts, const Result& row) {
@@ -185,7 +190,7 @@ int mergeRights(const Sides& sides, const HostTable& host, const std::string& ac
                 const std::function<Statement(const Right& right, const Raw& liveShare)>& insert) {
   const SzHashHandle accounts = readAccounts(accountFile);
   return mergeRows(
-      sides, sql("Select * from %s%s", Name(host.table), sides.suffix),
+      sides, sql("Select * from %s%s", Name(host.table), sides.suffix), {{host.table, {host.column, "shareid"}}},
       [&](const Result& row) { return readRight(host, *accounts, row); },
       [&](const Right& right) { return mergeRight(sides, host, right, insert); });
 }

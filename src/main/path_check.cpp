@@ -63,7 +63,7 @@ int KavophotoCheckPath(DBConnect_tag* connection, const char* /*database*/, cons
     repair.newPath.text = cutText(sharePath + relative, kColumnCapacity);
     return std::optional(std::move(repair));
   };
-  return forEachRow({connection, connection}, rows, readPath, [&](const Repair& repair) {
+  return forEachRow({connection, connection, {{table, {"id", column}}}}, rows, readPath, [&](const Repair& repair) {
     return execute(connection, "Update %s set %s = '%s' where %s = '%s'", Name(table), Name(column), repair.newPath,
                    Name(column), repair.oldPath);
   });

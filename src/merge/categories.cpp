@@ -26,12 +26,14 @@ std::optional<Category> readCategory(const Result& row) {
 
 int KavophotoSyncCategory(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix) {
   const Sides sides = {destination, source, suffix};
-  return mergeRows(sides, sql("Select * from category%s", sides.suffix), readCategory, [&](const Category& category) {
-    return mergeNumberedRow(
-        destination, sql("Select * from category where name = '%s'", category.name),
-        sql("Delete from category where name = '%s'", category.name),
-        sql("Insert into category (name, hidden, order_number, create_date, modify_date) Values "
-            "('%s', '%s', '%s', '%s', '%s')",
-            category.name, category.hidden, category.orderNumber, category.createDate, category.modifyDate));
-  });
+  return mergeRows(
+      sides, sql("Select * from category%s", sides.suffix), {{"category", {"id", "name"}}}, readCategory,
+      [&](const Category& category) {
+        return mergeNumberedRow(
+            destination, sql("Select * from category where name = '%s'", category.name),
+            sql("Delete from category where name = '%s'", category.name),
+            sql("Insert into category (name, hidden, order_number, create_date, modify_date) Values "
+                "('%s', '%s', '%s', '%s', '%s')",
+                category.name, category.hidden, category.orderNumber, category.createDate, category.modifyDate));
+      });
 }

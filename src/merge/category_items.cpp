@@ -38,7 +38,12 @@ struct Item {
 
 // What a row inserts, with the live category, may be what another one with the same member looks for, with the
 // source's.
-std::vector<std::string> keysOf(const Item& item) { return {item.kind->type + item.number.text}; }
+std::vector<std::string> keysOf(const Item& item) {
+  if (item.kind != &kSmart && !isPrintedNumber(item.number.text)) {
+    return {};
+  }
+  return {item.kind->type + item.number.text};
+}
 
 std::optional<Item> readItem(const Result& row) {
   const MemberKind* kind = kindOf(fieldText(row, "type", kTypeCapacity));
@@ -103,5 +108,6 @@ int KavophotoSyncCategoryItems(DBConnect_tag* destination, DBConnect_tag* source
                    sql("Select * from category_items%s left join category%s on "
                        "category%s.id=category_items%s.category_id",
                        end, end, end, end),
-                   readItem, [&](const Item& item) { return mergeItem(destination, item); });
+                   {{"category_items", {"id", "category_id", "album_id", "tag_id", "smart_id"}}}, readItem,
+                   [&](const Item& item) { return mergeItem(destination, item); });
 }

@@ -20,14 +20,15 @@ struct Sides {
   Name suffix;
 };
 
-// Lists rows of the source and merges each of them; see forEachRow. -1 when the listing fails.
+// Lists rows of the source and merges each of them, into the tables of `written`; see forEachRow. -1 when the listing
+// fails.
 template <typename Read, typename Merge>
-int mergeRows(const Sides& sides, const Statement& listing, Read read, Merge merge) {
+int mergeRows(const Sides& sides, const Statement& listing, std::vector<WrittenTable> written, Read read, Merge merge) {
   Result rows;
   if (!execute(sides.source, rows, listing)) {
     return -1;
   }
-  return forEachRow({sides.destination, sides.source}, rows, std::move(read), std::move(merge));
+  return forEachRow({sides.destination, sides.source, std::move(written)}, rows, std::move(read), std::move(merge));
 }
 
 // What became of the rows of the destination with a row's key: a statement failed, the row stays out, or there is none

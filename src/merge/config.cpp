@@ -22,12 +22,14 @@ std::optional<Entry> readEntry(const Result& row) {
 
 int KavophotoSyncConfig(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix) {
   const Sides sides = {destination, source, suffix};
-  return mergeRows(sides, sql("Select * from photo_config%s", sides.suffix), readEntry, [&](const Entry& entry) {
-    return mergeRow(
-        destination,
-        sql("Select * from photo_config where module_name = '%s' and config_key = '%s'", entry.module, entry.key),
-        sql("Delete from photo_config where module_name = '%s' and config_key = '%s'", entry.module, entry.key),
-        sql("Insert into photo_config (module_name, config_key, config_value) Values ('%s', '%s', '%s')", entry.module,
-            entry.key, entry.value));
-  });
+  return mergeRows(
+      sides, sql("Select * from photo_config%s", sides.suffix), {{"photo_config", {"module_name", "config_key"}}},
+      readEntry, [&](const Entry& entry) {
+        return mergeRow(
+            destination,
+            sql("Select * from photo_config where module_name = '%s' and config_key = '%s'", entry.module, entry.key),
+            sql("Delete from photo_config where module_name = '%s' and config_key = '%s'", entry.module, entry.key),
+            sql("Insert into photo_config (module_name, config_key, config_value) Values ('%s', '%s', '%s')",
+                entry.module, entry.key, entry.value));
+      });
 }

@@ -126,6 +126,8 @@ bool mergeGroup(const Sides& sides, const Group& group) {
   }
   if (fetchRow(live)) {
     const Raw destinationGroup = rawField(live, "groupid", kNumberCapacity);
+    // Nothing keeps two groups of the live database from having one number.
+    claim(destinationGroup.text);
     copyMembers(sides, group.sourceNumber, destinationGroup);
     copyPermissions(sides, group.sourceNumber, destinationGroup);
   }
@@ -136,6 +138,9 @@ bool mergeGroup(const Sides& sides, const Group& group) {
 
 int KavophotoSyncGroup(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix) {
   const Sides sides = {destination, source, suffix};
-  return mergeRows(sides, sql("Select * from photo_group%s", sides.suffix), readGroup,
-                   [&](const Group& group) { return mergeGroup(sides, group); });
+  return mergeRows(sides, sql("Select * from photo_group%s", sides.suffix),
+                   {{"photo_group", {"groupid", "groupname"}},
+                    {"photo_user_group", {"userid", "groupid"}},
+                    {"photo_group_permission", {"groupid", "shareid"}}},
+                   readGroup, [&](const Group& group) { return mergeGroup(sides, group); });
 }

@@ -184,6 +184,9 @@ bool mergeImage(const Sides& sides, const Image& image) {
 
 int KavophotoSyncImage(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix) {
   const Sides sides = {destination, source, suffix};
-  return mergeRows(sides, sql("Select * from photo_image%s", sides.suffix), readImage,
-                   [&](const Image& image) { return mergeImage(sides, image); });
+  return mergeRows(sides, sql("Select * from photo_image%s", sides.suffix),
+                   {{"photo_image", {"id", "path"}},
+                    {"photo_comment", {"id", "photo_id", "date", "name"}},
+                    {"photo_image_label", {"id", "image_id", "label_id"}}},
+                   readImage, [&](const Image& image) { return mergeImage(sides, image); });
 }

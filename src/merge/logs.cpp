@@ -17,7 +17,12 @@ struct Entry {
   Text user;
 };
 
-std::vector<std::string> keysOf(const Entry& entry) { return {entry.createTime.text + '\n' + entry.user.text}; }
+std::vector<std::string> keysOf(const Entry& entry) {
+  if (!isPrintedTime(entry.createTime.text)) {
+    return {};
+  }
+  return {entry.createTime.text + '\n' + entry.user.text};
+}
 
 std::optional<Entry> readEntry(const Result& row) {
   return Entry{textField(row, "create_time", kDateCapacity), textField(row, "log", kTextCapacity),
@@ -76,7 +81,7 @@ int KavophotoSyncLog(DBConnect_tag* destination, DBConnect_tag* source, const ch
   // The log has no index for what it is looked up by, and a scan per entry would visit entries times entries rows.
   const bool hasIndex = createLookupIndex(destination, "photo_log", "create_time", rowCount(entries));
   const int status = forEachRow(
-      {destination, source}, entries, readEntry,
+      {destination, source, {{"photo_log", {"logid", "create_time", "user"}}}}, entries, readEntry,
       [&](const Entry& entry) { return mergeEntry(destination, entry, nextId); }, nextId);
   if (status < 0) {
     return status;

@@ -157,7 +157,8 @@ bool isPersonalCollectionTable(const char* table) {
 int KavophotoSyncPersonalCollection(DBConnect_tag* destination, DBConnect_tag* source, const std::string& table,
                                     const char* suffix) {
   const Sides sides = {destination, source, suffix};
-  return mergeRows(sides, sql("SELECT * FROM %s%s", Name(table), sides.suffix), readCollection,
+  return mergeRows(sides, sql("SELECT * FROM %s%s", Name(table), sides.suffix), {{table, {"id", "userid", "name"}}},
+                   readCollection,
                    [&](const Collection& collection) { return mergeCollection(destination, table, collection); });
 }
 
@@ -168,7 +169,7 @@ int KavophotoSyncCollectionMembers(DBConnect_tag* destination, DBConnect_tag* so
   const Sides sides = {destination, source, suffix};
   NumberMap mediaFiles;
   return mergeRows(
-      sides, sql("SELECT * FROM %s%s", Name(memberTable), sides.suffix),
+      sides, sql("SELECT * FROM %s%s", Name(memberTable), sides.suffix), {{memberTable, {"collectionid", mediaColumn}}},
       [&](const Result& row) {
         return std::optional(Member{numberIn(row, "collectionid"), numberIn(row, mediaColumn.c_str())});
       },

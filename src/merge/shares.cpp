@@ -74,6 +74,6 @@ bool mergeShare(DBConnect_tag* destination, const Share& share) {
 
 int KavophotoSyncShare(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix) {
   const Sides sides = {destination, source, suffix};
-  return mergeRows(sides, sql("Select * from photo_share%s", sides.suffix), readShare,
-                   [&](const Share& share) { return mergeShare(destination, share); });
+  return mergeRows(sides, sql("Select * from photo_share%s", sides.suffix), {{"photo_share", {"shareid", "sharename"}}},
+                   readShare, [&](const Share& share) { return mergeShare(destination, share); });
 }

@@ -101,6 +101,8 @@ bool mergeUser(const Sides& sides, const User& user) {
   }
   if (fetchRow(live)) {
     const Raw destinationUser = rawField(live, "userid", kNumberCapacity);
+    // Nothing keeps two users of the live database from having one number.
+    claim(destinationUser.text);
     copyUserRights(sides, "photo_access_right", user.sourceNumber, destinationUser);
     copyUserRights(sides, "photo_upload_right", user.sourceNumber, destinationUser);
     copyUserRights(sides, "photo_manage_right", user.sourceNumber, destinationUser);
@@ -112,6 +114,10 @@ bool mergeUser(const Sides& sides, const User& user) {
 
 int KavophotoSyncUser(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix) {
   const Sides sides = {destination, source, suffix};
-  return mergeRows(sides, sql("Select * from photo_user%s", sides.suffix), readUser,
-                   [&](const User& user) { return mergeUser(sides, user); });
+  return mergeRows(sides, sql("Select * from photo_user%s", sides.suffix),
+                   {{"photo_user", {"userid", "username"}},
+                    {"photo_access_right", {"userid", "shareid"}},
+                    {"photo_upload_right", {"userid", "shareid"}},
+                    {"photo_manage_right", {"userid", "shareid"}}},
+                   readUser, [&](const User& user) { return mergeUser(sides, user); });
 }

@@ -40,5 +40,6 @@ int KavophotoSyncPhotoVideoLabel(DBConnect_tag* destination, DBConnect_tag* sour
                    sql("Select * from photo_video_label%s left join photo_label%s on "
                        "photo_video_label%s.label_id=photo_label%s.id",
                        end, end, end, end),
-                   readLink, [&](const Link& link) { return mergeLink(destination, link); });
+                   {{"photo_video_label", {"id", "video_path", "label_id"}}}, readLink,
+                   [&](const Link& link) { return mergeLink(destination, link); });
 }

@@ -20,7 +20,12 @@ struct Watermark {
   Raw changed;
 };
 
-std::vector<std::string> keysOf(const Watermark& watermark) { return {watermark.share.text}; }
+std::vector<std::string> keysOf(const Watermark& watermark) {
+  if (!isPrintedNumber(watermark.share.text)) {
+    return {};
+  }
+  return {watermark.share.text};
+}
 
 std::optional<Watermark> readWatermark(const Result& row) {
   return Watermark{rawField(row, "shareid"), rawField(row, "path"), rawField(row, "opacity"), rawField(row, "gravity"),
@@ -63,6 +68,6 @@ int KavophotoSyncWatermark(DBConnect_tag* destination, DBConnect_tag* source, co
   if (KAVODBExecute(source, listing.c_str(), &watermarks.handle) == -1) {
     return 0;
   }
-  return forEachRow({destination, source}, watermarks, readWatermark,
+  return forEachRow({destination, source, {{"watermark", {"shareid"}}}}, watermarks, readWatermark,
                     [&](const Watermark& watermark) { return mergeWatermark(destination, watermark); });
 }

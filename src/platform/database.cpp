@@ -227,6 +227,13 @@ class SavedStatement {
 
 }  // namespace
 
+void moveOutOfMemory(DBResult_tag& result) {
+  std::vector<std::string_view> fields;
+  readColumns(result.reply.get(), result);
+  readRows(result.reply.get(), result, fields);
+  result.reply.reset();
+}
+
 std::string errorText(const PGresult* result, PGconn* connection) {
   const char* primary = PQresultErrorField(result, PG_DIAG_MESSAGE_PRIMARY);
   if (primary == nullptr) {
@@ -417,6 +424,19 @@ const char* KAVODBFetchField(DBResult_tag* result, DBRow_tag* row, const char* c
     }
   }
   return "";
+}
+
+std::size_t KAVODBRowBytes(DBResult_tag* result, DBRow_tag* row) {
+  std::size_t bytes = 0;
+  if (result != nullptr && row != nullptr && !result->reply) {
+    for (const char* field : result->rows.fields) {
+      bytes += std::strlen(field);
+    }
+  }
+  for (int at = 0; row != nullptr && result != nullptr && result->reply && at < PQnfields(result->reply.get()); ++at) {
+    bytes += static_cast<std::size_t>(PQgetlength(result->reply.get(), result->replyRow, at));
+  }
+  return bytes;
 }
 
 long long KAVODBNumRows(DBResult_tag* result) {

@@ -59,6 +59,9 @@ int KAVODBFetchRow(DBResult_tag* result, DBRow_tag** row);
 // unknown column or a null handle. Never null.
 const char* KAVODBFetchField(DBResult_tag* result, DBRow_tag* row, const char* column);
 
+// The bytes of all fields of the current row; 0 for a null handle.
+std::size_t KAVODBRowBytes(DBResult_tag* result, DBRow_tag* row);
+
 // Rows of the whole result, wherever the fetching stands; 0 for a null result.
 long long KAVODBNumRows(DBResult_tag* result);
 

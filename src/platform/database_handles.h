@@ -71,6 +71,9 @@ struct DBResult_tag {
   int replyRow = -1;
 };
 
+// Moves the rows of a reply to where those of a large listing are.
+void moveOutOfMemory(DBResult_tag& result);
+
 // One line of what the server said, or the library where the server said nothing. The statement is left out: whoever
 // logs the error logs that too.
 std::string errorText(const PGresult* result, PGconn* connection);

@@ -18,6 +18,7 @@ template <typename Row>
 struct ListedRow {
   Row row;
   long long place;
+  std::size_t bytes;
 };
 
 // A listing, and how far it has been read.
@@ -33,7 +34,7 @@ bool readNextRow(ListingReader& reader, Read& read, std::optional<ListedRow<Row>
   while (!next && KAVODBFetchRow(listing.handle, &listing.row) == 0) {
     ++reader.place;
     if (std::optional<Row> row = read(std::as_const(listing))) {
-      next = {std::move(*row), reader.place};
+      next = {std::move(*row), reader.place, KAVODBRowBytes(listing.handle, listing.row)};
     } else {
       progressRowsUpTo(listing.handle, rowCount(listing), reader.place);
     }
@@ -41,21 +42,33 @@ bool readNextRow(ListingReader& reader, Read& read, std::optional<ListedRow<Row>
   return next.has_value();
 }
 
-// Reads the rows of one window. A row that shares a key with one of them is the first of the next window.
+// Large rows share a window with few others.
+inline constexpr std::size_t kMostWindowBytes = 1U << 20U;
+
+// Reads the rows of one window, at most so many. A row that shares a key with one of them is the first of the next
+// window; a row without keys is alone in its own.
 template <typename Read, typename Row>
 void readWindow(ListingReader& reader, Read& read, std::optional<ListedRow<Row>>& next,
-                std::vector<ListedRow<Row>>& window) {
-  const std::size_t most = std::max<std::size_t>(windowRows(), 1);
+                std::vector<ListedRow<Row>>& window, std::size_t most) {
   std::set<std::string> known;
+  std::size_t bytes = 0;
   window.clear();
-  while (window.size() < most && readNextRow(reader, read, next)) {
+  while (window.size() < most && bytes < kMostWindowBytes && readNextRow(reader, read, next)) {
     std::vector<std::string> keys = keysOf(next->row);
+    if (keys.empty() && !window.empty()) {
+      return;
+    }
     if (std::any_of(keys.begin(), keys.end(), [&known](const std::string& key) { return known.contains(key); })) {
       return;
     }
+    const bool isAlone = keys.empty();
     known.insert(std::make_move_iterator(keys.begin()), std::make_move_iterator(keys.end()));
+    bytes += next->bytes;
     window.push_back(std::move(*next));
     next.reset();
+    if (isAlone) {
+      return;
+    }
   }
 }
 
@@ -65,7 +78,9 @@ void readWindow(ListingReader& reader, Read& read, std::optional<ListedRow<Row>>
 // once for each row, in their order, and runs no statements. `merge` runs the statements of one such value; true or 0
 // goes on, false (-1) or a negative number ends. keysOf(value), found beside the value's type, names the rows of the
 // destination that it is about: rows with a key in common never run side by side, so that each sees what the ones
-// before it wrote. `state` is what `merge` changes in this process for the rows after it; it is copied for each window.
+// before it wrote, and one without keys runs in a window of its own. Where the tables of the destination connect their
+// rows in other ways, every row does (see independent_rows.h). `state` is what `merge` changes in this process for the
+// rows after it; it is copied for each window.
 //
 // 0 when every row was merged; otherwise the result of the row that ended it. What was merged before stays.
 template <typename Read, typename Merge, typename State>
@@ -77,9 +92,11 @@ int forEachRow(const Databases& databases, Result& listing, Read read, Merge mer
   const void* const shown = listing.handle;
   const long long total = rowCount(listing);
   progressRowsUpTo(shown, total, 0);
+  const std::size_t most =
+      windowRows() > 1 && rowsAreIndependent(databases.destination, databases.written) ? windowRows() : 1;
   int status = 0;
   while (status >= 0) {
-    readWindow(reader, read, next, window);
+    readWindow(reader, read, next, window, most);
     if (window.empty()) {
       break;
     }

@@ -10,6 +10,9 @@ namespace {
 // every size in every mix.
 constexpr std::size_t kMostPrepared = 500;
 
+// A larger reply waits outside of this process's memory until its row has read it.
+constexpr std::size_t kLargeReply = 1U << 18U;
+
 bool succeeded(const PGresult* reply) {
   const ExecStatusType status = PQresultStatus(reply);
   return status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK || status == PGRES_EMPTY_QUERY;
@@ -125,7 +128,8 @@ bool beginPipeline(DBConnect_tag* connection, bool withTransaction) {
 
 bool addToPipeline(DBConnect_tag* connection, const Statement& statement) {
   Parameters parameters;
-  if (!separateParameters(statement, parameters) || connection->prepared.size() >= kMostPrepared) {
+  const bool isPlain = separateParameters(statement, parameters);
+  if (!isPlain || (connection->prepared.size() >= kMostPrepared && !connection->prepared.contains(parameters.key))) {
     const std::string text = statementText(statement);
     return valuesKeepTheirPlaces(statement) &&
            addText(*connection, text.c_str(), {false, std::string(tableOfInsert(text))});
@@ -171,6 +175,9 @@ Reply takeReply(DBConnect_tag* connection, DBResult_tag** result) {
     connection->pipeline.wrote = changedSomething(received->reply.get()) || connection->pipeline.wrote;
     if (!pending.insertsInto.empty()) {
       connection->pipeline.inserted.push_back(pending.insertsInto);
+    }
+    if (PQresultMemorySize(received->reply.get()) > kLargeReply) {
+      moveOutOfMemory(*received);
     }
     *result = received.release();
     return Reply::kReady;

@@ -3,18 +3,22 @@
 #include <cstddef>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "platform/database.h"
+#include "platform/independent_rows.h"
 #include "platform/statement.h"
 
 // Rows that are merged side by side. Each row's function runs on a stack of its own and reads as if it were alone: one
 // statement after the other. Where it waits for a reply the next row goes on, so that the statements of all rows are on
 // their way to the server together.
 
-// The databases of a merge: rows are written to `destination` and read from `source`, which may be the same.
+// The databases of a merge: rows are written to `destination`, to these tables, and read from `source`, which may be
+// the same.
 struct Databases {
   DBConnect_tag* destination;
   DBConnect_tag* source;
+  std::vector<WrittenTable> written = {};
 };
 
 // How many rows run side by side; KAVOPHOTO_WINDOW of the environment sets another number from 0 to 1024. With 0 each

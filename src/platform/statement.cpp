@@ -61,7 +61,9 @@ unsigned typeOfNumber(std::string_view number) {
   if (point < digits.size() || read.ec != std::errc()) {
     return kNumeric;
   }
-  return value >= INT32_MIN && value <= INT32_MAX ? kInt4 : kInt8;
+  // The minus is an operator in SQL, and what it stands before must fit the type.
+  const bool isInt4 = value > INT32_MIN && value <= INT32_MAX;
+  return isInt4 ? kInt4 : value > INT64_MIN ? kInt8 : kNumeric;
 }
 
 bool keepsItsPlace(const Argument& argument, const TemplatePlace& place) {
