@@ -12,6 +12,7 @@
 #include <cstring>
 #include <deque>
 #include <memory>
+#include <new>
 #include <set>
 #include <string_view>
 #include <utility>
@@ -201,6 +202,8 @@ void start(Window& window, Row& row, std::size_t number, const std::function<int
                                         row.status = work(number);
                                       } catch (const TakenBack&) {
                                         row.status = -1;
+                                      } catch (const std::bad_alloc&) {
+                                        row.status = -1;
                                       }
                                       row.isThrough = true;
                                       leaveStack(nullptr, window.stack);
@@ -329,9 +332,18 @@ bool runToEnd(Window& window, std::size_t count, const std::function<int(std::si
 void endRows(Window& window) {
   window.isTakenBack = true;
   for (const auto& row : window.rows) {
-    if (!row->isThrough) {
+    if (!row->isThrough && row->fiber) {
       resume(window, *row);
     }
+  }
+}
+
+// False too when there is no memory for all the rows at once: one row alone needs less.
+bool runToEndInMemory(Window& window, std::size_t count, const std::function<int(std::size_t)>& work) {
+  try {
+    return runToEnd(window, count, work);
+  } catch (const std::bad_alloc&) {
+    return false;
   }
 }
 
@@ -350,7 +362,7 @@ bool runSideBySide(const Databases& databases, std::size_t count, const std::fun
   window.lanes[1].connection = hasSource ? databases.source : nullptr;
   window.batch = std::max<std::size_t>(1, count / kBatches);
   gWindow = &window;
-  const bool succeeded = runToEnd(window, count, work);
+  const bool succeeded = runToEndInMemory(window, count, work);
   endRows(window);
   gWindow = nullptr;
   const bool isRead = !hasSource || endPipeline(databases.source, succeeded);

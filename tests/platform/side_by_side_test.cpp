@@ -1,5 +1,7 @@
 #include "platform/side_by_side.h"
 
+#include <new>
+
 #include "merge/routine_test.h"
 #include "platform/log.h"
 #include "platform/query.h"
@@ -268,6 +270,20 @@ TEST_F(SideBySide, EndsWhereARowCannotBeCommitted) {
     EXPECT_TRUE(KAVODBIsUsable(destination()));
     live().exec("TRUNCATE merged");
   }
+}
+
+TEST_F(SideBySide, RunsRowsAloneForWhichThereIsNoMemorySideBySide) {
+  const auto row = [&](std::size_t number) {
+    EXPECT_TRUE(insert(number));
+    if (isBesideOthers() && number == 1) {
+      throw std::bad_alloc();
+    }
+    return 0;
+  };
+  EXPECT_EQ(run(3, row), 0);
+  EXPECT_EQ(merged(), "0 1 2");
+  EXPECT_EQ(transactions(), "3");
+  EXPECT_EQ(takenBack_, 1);
 }
 
 TEST_F(SideBySide, IsAPartOfTheOpenTransaction) {
