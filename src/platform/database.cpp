@@ -102,6 +102,12 @@ void readRows(const PGresult* reply, DBResult_tag& result, std::vector<std::stri
   }
 }
 
+// A deadlock, or changes at the same time by others.
+bool gaveWayToOthers(const PGresult* reply) {
+  const char* const state = PQresultErrorField(reply, PG_DIAG_SQLSTATE);
+  return state != nullptr && (std::strcmp(state, "40P01") == 0 || std::strcmp(state, "40001") == 0);
+}
+
 // Reads the reply to its end, also after an error, so that the connection is free for the next statement.
 bool readReply(DBConnect_tag& connection, DBResult_tag& result) {
   bool succeeded = true;
@@ -122,6 +128,7 @@ bool readReply(DBConnect_tag& connection, DBResult_tag& result) {
         break;
       default:
         connection.error = errorText(reply.get(), connection.connection);
+        connection.gaveWay = gaveWayToOthers(reply.get()) || connection.gaveWay;
         succeeded = false;
         break;
     }
@@ -475,7 +482,17 @@ bool KAVODBRowBegin(DBConnect_tag* connection) {
       PQexec(connection->connection, "BEGIN ISOLATION LEVEL READ COMMITTED; SET CONSTRAINTS ALL IMMEDIATE"));
   noteLoss(*connection, begun.get());
   connection->savesEachStatement = PQresultStatus(begun.get()) == PGRES_COMMAND_OK;
+  connection->gaveWay = false;
   return connection->savesEachStatement;
+}
+
+bool KAVODBRowGaveWay(DBConnect_tag* connection) {
+  if (!connection->gaveWay) {
+    return false;
+  }
+  connection->savesEachStatement = false;
+  executeUnchecked(connection, "ROLLBACK");
+  return true;
 }
 
 int KAVODBRowEnd(DBConnect_tag* connection) {

@@ -91,6 +91,10 @@ void KAVODBTransCommit(DBConnect_tag* connection);
 // transactions, and the others stay. False when there is a transaction already or it cannot be begun.
 bool KAVODBRowBegin(DBConnect_tag* connection);
 
+// True when a statement of the transaction that KAVODBRowBegin has begun was ended by the server so that another
+// session could go on, in a deadlock say. All of the transaction is taken back then.
+bool KAVODBRowGaveWay(DBConnect_tag* connection);
+
 // Commits what KAVODBRowBegin has begun. 0 on success; -1 on failure, with the reason in KAVODBErrorGet: nothing of the
 // row is written then. 0 too when a statement of the row has found the connection lost, which was its failure.
 int KAVODBRowEnd(DBConnect_tag* connection);

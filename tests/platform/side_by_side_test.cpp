@@ -272,6 +272,41 @@ TEST_F(SideBySide, EndsWhereARowCannotBeCommitted) {
   }
 }
 
+TEST_F(SideBySide, RunsARowAgainThatGaveWayToAnotherSession) {
+  // The sequence counts on where a transaction is taken back: a window's, and that of the row alone.
+  live().exec(
+      "CREATE SEQUENCE conflicts; CREATE FUNCTION give_way() RETURNS trigger LANGUAGE plpgsql AS $$BEGIN "
+      "IF nextval('conflicts') <= 2 THEN RAISE EXCEPTION 'deadlock' USING ERRCODE = '40P01'; END IF; RETURN NEW; "
+      "END$$; CREATE TRIGGER give_way BEFORE INSERT ON merged FOR EACH ROW WHEN (NEW.row = 11) "
+      "EXECUTE FUNCTION give_way()");
+  const auto row = [&](std::size_t number) {
+    EXPECT_TRUE(insert(number));
+    insert(number + 10);
+    return 0;
+  };
+  EXPECT_EQ(run(3, row), 0);
+  EXPECT_EQ(merged(), "0 10 1 11 2 12");
+  EXPECT_EQ(transactions(), "3");
+  expectNoMessages();
+}
+
+TEST_F(SideBySide, RunsARowThatAlwaysGivesWayAStatementAtATime) {
+  live().exec(
+      "CREATE FUNCTION give_way() RETURNS trigger LANGUAGE plpgsql AS $$BEGIN "
+      "RAISE EXCEPTION 'deadlock' USING ERRCODE = '40P01'; END$$; CREATE TRIGGER give_way BEFORE INSERT ON merged "
+      "FOR EACH ROW WHEN (NEW.row = 11) EXECUTE FUNCTION give_way()");
+  const auto row = [&](std::size_t number) {
+    EXPECT_TRUE(insert(number));
+    insert(number + 10);
+    EXPECT_TRUE(insert(number + 20));
+    return 0;
+  };
+  EXPECT_EQ(run(2, row), 0);
+  EXPECT_EQ(merged(), "0 10 20 1 21");
+  EXPECT_EQ(transactions(), "3");
+  expectMessages({"Failed to exec [Insert into merged (row) Values (11)] (ERROR:  deadlock)"});
+}
+
 TEST_F(SideBySide, RunsRowsAloneForWhichThereIsNoMemorySideBySide) {
   const auto row = [&](std::size_t number) {
     EXPECT_TRUE(insert(number));
