@@ -126,6 +126,8 @@ bool mergeGroup(const Sides& sides, const Group& group) {
   }
   if (fetchRow(live)) {
     const Raw destinationGroup = rawField(live, "groupid", kNumberCapacity);
+    // Nothing keeps two groups of the destination from having one number, and so one set of members.
+    claim(destinationGroup.text);
     copyMembers(sides, group.sourceNumber, destinationGroup);
     copyPermissions(sides, group.sourceNumber, destinationGroup);
   }

@@ -101,6 +101,8 @@ bool mergeUser(const Sides& sides, const User& user) {
   }
   if (fetchRow(live)) {
     const Raw destinationUser = rawField(live, "userid", kNumberCapacity);
+    // Nothing keeps two users of the destination from having one number, and so one set of rights.
+    claim(destinationUser.text);
     copyUserRights(sides, "photo_access_right", user.sourceNumber, destinationUser);
     copyUserRights(sides, "photo_upload_right", user.sourceNumber, destinationUser);
     copyUserRights(sides, "photo_manage_right", user.sourceNumber, destinationUser);
