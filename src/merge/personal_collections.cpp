@@ -109,11 +109,13 @@ std::optional<long long> findCounterpart(const Sides& sides, const KeyedTable& k
 }
 
 std::optional<long long> counterpart(const Sides& sides, const KeyedTable& keyed, long long number, NumberMap& known) {
-  auto place = known.find(number);
-  if (place == known.end()) {
-    place = known.emplace(number, findCounterpart(sides, keyed, number)).first;
+  const auto place = known.find(number);
+  if (place != known.end()) {
+    return place->second;
   }
-  return place->second;
+  const std::optional<long long> found = findCounterpart(sides, keyed, number);
+  // A row that runs again asks again.
+  return KAVODBRowGivesWay(sides.destination) ? found : known.emplace(number, found).first->second;
 }
 
 // A row of a member table, with the source's numbers.

@@ -102,6 +102,13 @@ void readRows(const PGresult* reply, DBResult_tag& result, std::vector<std::stri
   }
 }
 
+// A deadlock, changes at the same time by others, or a lock that was waited for too long.
+bool gaveWayToOthers(const PGresult* reply) {
+  const char* const state = PQresultErrorField(reply, PG_DIAG_SQLSTATE);
+  return state != nullptr &&
+         (std::strcmp(state, "40P01") == 0 || std::strcmp(state, "40001") == 0 || std::strcmp(state, "55P03") == 0);
+}
+
 // Reads the reply to its end, also after an error, so that the connection is free for the next statement.
 bool readReply(DBConnect_tag& connection, DBResult_tag& result) {
   bool succeeded = true;
@@ -122,6 +129,7 @@ bool readReply(DBConnect_tag& connection, DBResult_tag& result) {
         break;
       default:
         connection.error = errorText(reply.get(), connection.connection);
+        connection.gaveWay = gaveWayToOthers(reply.get()) || connection.gaveWay;
         succeeded = false;
         break;
     }
@@ -487,15 +495,30 @@ bool KAVODBIsUsable(DBConnect_tag* connection) {
          PQtransactionStatus(connection->connection) != PQTRANS_INERROR;
 }
 
-bool KAVODBRowBegin(DBConnect_tag* connection) {
+bool KAVODBRowBegin(DBConnect_tag* connection, bool waits) {
   if (connection == nullptr || PQtransactionStatus(connection->connection) != PQTRANS_IDLE) {
     return false;
   }
-  const PGResultHandle begun(
-      PQexec(connection->connection, "BEGIN ISOLATION LEVEL READ COMMITTED; SET CONSTRAINTS ALL IMMEDIATE"));
+  const PGResultHandle begun(PQexec(
+      connection->connection, waits ? "BEGIN ISOLATION LEVEL READ COMMITTED; SET CONSTRAINTS ALL IMMEDIATE"
+                                    : "BEGIN ISOLATION LEVEL READ COMMITTED; SET CONSTRAINTS ALL IMMEDIATE; SET LOCAL "
+                                      "lock_timeout = 200"));
   noteLoss(*connection, begun.get());
   connection->savesEachStatement = PQresultStatus(begun.get()) == PGRES_COMMAND_OK;
+  connection->gaveWay = false;
   return connection->savesEachStatement;
+}
+
+bool KAVODBRowGivesWay(DBConnect_tag* connection) { return connection != nullptr && connection->gaveWay; }
+
+bool KAVODBRowGaveWay(DBConnect_tag* connection) {
+  if (!connection->gaveWay) {
+    return false;
+  }
+  connection->savesEachStatement = false;
+  connection->gaveWay = false;
+  executeUnchecked(connection, "ROLLBACK");
+  return true;
 }
 
 int KAVODBRowEnd(DBConnect_tag* connection) {

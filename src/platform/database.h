@@ -92,7 +92,15 @@ void KAVODBTransCommit(DBConnect_tag* connection);
 
 // Begins a transaction for the statements of one row: one that fails is taken back alone, as it is outside of
 // transactions, and the others stay. False when there is a transaction already or it cannot be begun.
-bool KAVODBRowBegin(DBConnect_tag* connection);
+// Unless it `waits`, a statement fails that has waited for a lock for 200 ms: a transaction that holds
+// locks while it waits may be in a deadlock with others, and they are not to be the ones that the server ends for it.
+bool KAVODBRowBegin(DBConnect_tag* connection, bool waits);
+
+// True when a statement of the row has failed so that others could go on, and the row is to run again.
+bool KAVODBRowGivesWay(DBConnect_tag* connection);
+
+// The same, and takes the whole transaction back then.
+bool KAVODBRowGaveWay(DBConnect_tag* connection);
 
 // Commits what KAVODBRowBegin has begun. 0 on success; -1 on failure, with the reason in KAVODBErrorGet: nothing of the
 // row is written then. 0 too when a statement of the row has found the connection lost, which was its failure.

@@ -58,6 +58,8 @@ struct DBConnect_tag {
   bool wrote = false;
   // A failed statement is taken back alone, and the transaction that it stands in goes on.
   bool savesEachStatement = false;
+  // The server has ended a statement of that transaction so that another session could go on.
+  bool gaveWay = false;
   std::vector<GrownTable> grown;
   std::unordered_map<std::string, PreparedStatement> prepared;
   Pipeline pipeline;

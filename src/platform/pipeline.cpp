@@ -122,6 +122,9 @@ bool beginPipeline(DBConnect_tag* connection, bool withTransaction) {
     // fails at the statement that breaks it.
     addOwn(*connection, "BEGIN ISOLATION LEVEL READ COMMITTED");
     addOwn(*connection, "SET CONSTRAINTS ALL IMMEDIATE");
+    // It holds the locks of many rows. A session that holds one that it needs may wait for one of these, and is not to
+    // be the one that the server ends for that.
+    addOwn(*connection, "SET LOCAL lock_timeout = 200");
   }
   return true;
 }

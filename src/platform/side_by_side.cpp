@@ -12,6 +12,7 @@
 #include <cstring>
 #include <deque>
 #include <memory>
+#include <new>
 #include <set>
 #include <string_view>
 #include <utility>
@@ -201,6 +202,8 @@ void start(Window& window, Row& row, std::size_t number, const std::function<int
                                         row.status = work(number);
                                       } catch (const TakenBack&) {
                                         row.status = -1;
+                                      } catch (const std::bad_alloc&) {
+                                        row.status = -1;
                                       }
                                       row.isThrough = true;
                                       leaveStack(nullptr, window.stack);
@@ -329,9 +332,18 @@ bool runToEnd(Window& window, std::size_t count, const std::function<int(std::si
 void endRows(Window& window) {
   window.isTakenBack = true;
   for (const auto& row : window.rows) {
-    if (!row->isThrough) {
+    if (!row->isThrough && row->fiber) {
       resume(window, *row);
     }
+  }
+}
+
+// False too when there is no memory for all the rows at once: one row alone needs less.
+bool runToEndInMemory(Window& window, std::size_t count, const std::function<int(std::size_t)>& work) {
+  try {
+    return runToEnd(window, count, work);
+  } catch (const std::bad_alloc&) {
+    return false;
   }
 }
 
@@ -350,7 +362,7 @@ bool runSideBySide(const Databases& databases, std::size_t count, const std::fun
   window.lanes[1].connection = hasSource ? databases.source : nullptr;
   window.batch = std::max<std::size_t>(1, count / kBatches);
   gWindow = &window;
-  const bool succeeded = runToEnd(window, count, work);
+  const bool succeeded = runToEndInMemory(window, count, work);
   endRows(window);
   gWindow = nullptr;
   const bool isRead = !hasSource || endPipeline(databases.source, succeeded);
@@ -365,14 +377,38 @@ bool runSideBySide(const Databases& databases, std::size_t count, const std::fun
   return true;
 }
 
-int runAlone(const Databases& databases, std::size_t number, const std::function<int(std::size_t)>& work) {
-  const bool hasTransaction = KAVODBRowBegin(databases.destination);
-  const int status = work(number);
-  if (hasTransaction && KAVODBRowEnd(databases.destination) == -1) {
+// One that holds what earlier statements of its row have locked may meet a deadlock that each statement for itself
+// never would, so such a row runs again. True when it is committed or there was nothing to commit; the messages are
+// then in `messages`.
+bool runInTransaction(const Databases& databases, std::size_t number, const std::function<int(std::size_t)>& work,
+                      bool waits, std::vector<std::string>& messages, int& status) {
+  messages.clear();
+  const bool hasTransaction = KAVODBRowBegin(databases.destination, waits);
+  std::vector<std::string>* const others = collectMessages(&messages);
+  status = work(number);
+  const bool gaveWay = hasTransaction && KAVODBRowGaveWay(databases.destination);
+  if (hasTransaction && !gaveWay && KAVODBRowEnd(databases.destination) == -1) {
     KAVO_LOG("Failed to exec [COMMIT] (%s)", KAVODBErrorGet(databases.destination));
-    return -1;
+    status = -1;
   }
-  return status;
+  collectMessages(others);
+  return !gaveWay;
+}
+
+int runAlone(const Databases& databases, std::size_t number, const std::function<int(std::size_t)>& work) {
+  constexpr int kMostTries = 10;
+  int status = 0;
+  std::vector<std::string> messages;
+  for (int tries = 0; tries < kMostTries; ++tries) {
+    if (runInTransaction(databases, number, work, tries == kMostTries - 1, messages, status)) {
+      for (const std::string& message : messages) {
+        sendToLog(message);
+      }
+      return status;
+    }
+  }
+  // Each statement in a transaction of its own waits for others, but nobody can wait for it.
+  return work(number);
 }
 
 }  // namespace

@@ -372,6 +372,21 @@ TEST_P(KnownGroups, KeepTheirPermissionsWhenTheSourceLacksTheShares) {
   expectPermissionsKept(true);
 }
 
+TEST_P(Groups, WithOneNumberHaveThePermissionsOfTheLast) {
+  live().exec(
+      "ALTER TABLE photo_group DROP CONSTRAINT photo_group_pkey;"
+      "INSERT INTO photo_share (shareid, sharename) VALUES (1, 'one'), (2, 'two');"
+      "INSERT INTO photo_group VALUES (5, 'first', ''), (5, 'last', '');"
+      "INSERT INTO photo_group_permission VALUES (5, 1, 9, '2000-01-01 00:00:00')");
+  source().exec(
+      "INSERT INTO photo_share (shareid, sharename) VALUES (1, 'one'), (2, 'two');"
+      "INSERT INTO photo_group VALUES (5, 'first', ''), (6, 'last', '');"
+      "INSERT INTO photo_group_permission VALUES (5, 1, 7, '2001-01-01 00:00:00'), (6, 2, 8, '2002-01-01 00:00:00')");
+  EXPECT_EQ(merge().status, 0);
+  expectRows(live(), "SELECT groupid, shareid, permission FROM photo_group_permission",
+             {overwrites() ? std::vector<std::string>{"5", "2", "8"} : std::vector<std::string>{"5", "1", "9"}});
+}
+
 TEST_P(Groups, GetNumbersBeyondThirtyTwoBits) {
   live().exec(
       "ALTER TABLE photo_group ALTER groupid TYPE bigint; INSERT INTO photo_group VALUES (2147483647, 'live', '')");

@@ -30,6 +30,22 @@ class Users : public appliance::MergeTest {
 };
 APPLIANCE_ALL_MODES(Users);
 
+TEST_P(Users, WithOneNumberHaveTheRightsOfTheLast) {
+  live().exec(
+      "ALTER TABLE photo_user DROP CONSTRAINT photo_user_pkey;"
+      "INSERT INTO photo_share (shareid, sharename) VALUES (1, 'one'), (2, 'two');"
+      "INSERT INTO photo_user (userid, username) VALUES (5, 'first'), (5, 'last');"
+      "INSERT INTO photo_access_right VALUES (5, 1, '2000-01-01 00:00:00')");
+  source().exec(
+      "INSERT INTO photo_share (shareid, sharename) VALUES (1, 'one'), (2, 'two');"
+      "INSERT INTO photo_user VALUES (5, 'first', '', '', false, false, false, ''), "
+      "(6, 'last', '', '', false, false, false, '');"
+      "INSERT INTO photo_access_right VALUES (5, 1, '2001-01-01 00:00:00'), (6, 2, '2002-01-01 00:00:00')");
+  EXPECT_EQ(merge().status, 0);
+  expectRights("photo_access_right", {overwrites() ? std::vector<std::string>{"5", "2", "2002-01-01 00:00:00"}
+                                                   : std::vector<std::string>{"5", "1", "2000-01-01 00:00:00"}});
+}
+
 TEST_P(Users, MatchByNameAndGetTheNextNumbers) {
   live().exec(
       "INSERT INTO photo_user VALUES (7, 'only live', 'a', 'b', false, false, false, 'c'), "

@@ -1,5 +1,7 @@
 #include "platform/side_by_side.h"
 
+#include <new>
+
 #include "merge/routine_test.h"
 #include "platform/log.h"
 #include "platform/query.h"
@@ -270,6 +272,55 @@ TEST_F(SideBySide, EndsWhereARowCannotBeCommitted) {
   }
 }
 
+TEST_F(SideBySide, RunsARowAgainThatGaveWayToAnotherSession) {
+  // The sequence counts on where a transaction is taken back: a window's, and that of the row alone.
+  live().exec(
+      "CREATE SEQUENCE conflicts; CREATE FUNCTION give_way() RETURNS trigger LANGUAGE plpgsql AS $$BEGIN "
+      "IF nextval('conflicts') <= 2 THEN RAISE EXCEPTION 'deadlock' USING ERRCODE = '40P01'; END IF; RETURN NEW; "
+      "END$$; CREATE TRIGGER give_way BEFORE INSERT ON merged FOR EACH ROW WHEN (NEW.row = 11) "
+      "EXECUTE FUNCTION give_way()");
+  const auto row = [&](std::size_t number) {
+    EXPECT_TRUE(insert(number));
+    insert(number + 10);
+    return 0;
+  };
+  EXPECT_EQ(run(3, row), 0);
+  EXPECT_EQ(merged(), "0 10 1 11 2 12");
+  EXPECT_EQ(transactions(), "3");
+  expectNoMessages();
+}
+
+TEST_F(SideBySide, RunsARowThatAlwaysGivesWayAStatementAtATime) {
+  live().exec(
+      "CREATE FUNCTION give_way() RETURNS trigger LANGUAGE plpgsql AS $$BEGIN "
+      "RAISE EXCEPTION 'deadlock' USING ERRCODE = '40P01'; END$$; CREATE TRIGGER give_way BEFORE INSERT ON merged "
+      "FOR EACH ROW WHEN (NEW.row = 11) EXECUTE FUNCTION give_way()");
+  const auto row = [&](std::size_t number) {
+    EXPECT_TRUE(insert(number));
+    insert(number + 10);
+    EXPECT_TRUE(insert(number + 20));
+    return 0;
+  };
+  EXPECT_EQ(run(2, row), 0);
+  EXPECT_EQ(merged(), "0 10 20 1 21");
+  EXPECT_EQ(transactions(), "3");
+  expectMessages({"Failed to exec [Insert into merged (row) Values (11)] (ERROR:  deadlock)"});
+}
+
+TEST_F(SideBySide, RunsRowsAloneForWhichThereIsNoMemorySideBySide) {
+  const auto row = [&](std::size_t number) {
+    EXPECT_TRUE(insert(number));
+    if (isBesideOthers() && number == 1) {
+      throw std::bad_alloc();
+    }
+    return 0;
+  };
+  EXPECT_EQ(run(3, row), 0);
+  EXPECT_EQ(merged(), "0 1 2");
+  EXPECT_EQ(transactions(), "3");
+  EXPECT_EQ(takenBack_, 1);
+}
+
 TEST_F(SideBySide, IsAPartOfTheOpenTransaction) {
   KAVODBTransBegin(destination());
   EXPECT_EQ(run(3, [&](std::size_t number) { return insert(number) ? 0 : -1; }), 0);
@@ -442,8 +493,8 @@ TEST_F(SideBySide, TakesTheNumberOfRowsFromTheEnvironment) {
       "$$BEGIN INSERT INTO merged (row) VALUES (1); RETURN NEW; END$$;"
       "CREATE TRIGGER note BEFORE INSERT ON photo_config FOR EACH ROW EXECUTE FUNCTION note()");
   const std::vector<std::pair<std::string, std::string>> windows = {
-      {"0", "130"}, {"1", "130"}, {"50", "3"}, {"129", "2"}, {"1024", "1"}, {"1025", "3"},
-      {"x", "3"},   {"", "3"},    {"-1", "3"}, {"10x", "3"}, {" 1", "3"},   {"99999999999999999999", "3"}};
+      {"0", "130"}, {"1", "130"}, {"50", "3"}, {"129", "2"}, {"1024", "1"}, {"1025", "2"},
+      {"x", "2"},   {"", "2"},    {"-1", "3"}, {"10x", "3"}, {" 1", "3"},   {"99999999999999999999", "3"}};
   for (const auto& [window, expected] : windows) {
     live().exec("TRUNCATE merged, photo_config");
     appliance::RunOptions options;
