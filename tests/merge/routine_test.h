@@ -162,7 +162,7 @@ class RoutineTest : public ToolTest, public ::testing::WithParamInterface<Arrang
 
   static bool controlsTransactions(std::string_view statement) {
     return statement.empty() || statement.starts_with("BEGIN") || statement.starts_with("COMMIT") ||
-           statement.starts_with("SET CONSTRAINTS") || statement.starts_with("SAVEPOINT") ||
+           statement.starts_with("SET ") || statement.starts_with("SAVEPOINT") ||
            statement.starts_with("RELEASE") || statement.starts_with("SELECT FROM pg_class t ");
   }
 
