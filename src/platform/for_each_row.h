@@ -93,7 +93,7 @@ int forEachRow(const Databases& databases, Result& listing, Read read, Merge mer
   const long long total = rowCount(listing);
   progressRowsUpTo(shown, total, 0);
   const std::size_t most =
-      windowRows() > 1 && rowsAreIndependent(databases.destination, databases.written) ? windowRows() : 1;
+      windowRows() > 1 && total > 1 && rowsAreIndependent(databases.destination, databases.written) ? windowRows() : 1;
   int status = 0;
   while (status >= 0) {
     readWindow(reader, read, next, window, most);

@@ -3,6 +3,7 @@
 #include <strings.h>
 
 #include <array>
+#include <string_view>
 
 #include "backup/host_accounts.h"
 #include "platform/log.h"
@@ -30,7 +31,7 @@ void runRoutines(const Transfer& transfer, std::span<const MergeEntry> routines,
     if (*entry.table == '\0') {
       return;
     }
-    if (strcasecmp(entry.table, table) == 0 && entry.routine(transfer.live, transfer.source, transfer.suffix) < 0) {
+    if (std::string_view(entry.table) == table && entry.routine(transfer.live, transfer.source, transfer.suffix) < 0) {
       KAVO_LOG("Table %s sync failed.\n", table);
     }
   }
