@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <utility>
 
@@ -129,9 +130,17 @@ int holdAt(Faults& faults, const std::vector<std::string>& arguments, const Kill
   return appliance::waitTool(tool).status;
 }
 
+named::Tables inOrder(named::Tables tables) {
+  for (auto& [table, rows] : tables) {
+    std::sort(rows.begin(), rows.end());
+  }
+  return tables;
+}
+
+// The numbers of comments and links depend on which of two databases answers first.
 void expectUndisturbed(Faults& faults, const Outcome& expected, const Outcome& found) {
   const std::pair<bool, const char*> comparisons[] = {
-      {expected.contents == found.contents, "rows"},
+      {inOrder(expected.rows) == inOrder(found.rows), "rows"},
       {expected.structure == found.structure, "tables"},
       {expected.smartAlbums == found.smartAlbums, "smart albums"},
       {expected.settings == found.settings, "settings"},

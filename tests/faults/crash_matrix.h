@@ -119,9 +119,9 @@ std::vector<std::string> commandLine(Mode mode);
 // ones again afterwards. Without arguments it is the mode's own command.
 bool runAndKill(Mode mode, const KillPoint& point);
 bool runAndKill(const std::vector<std::string>& arguments, const KillPoint& point);
-// The same, with the live rows looked at as told above.
+// The same, with the live rows looked at as told above when it is the first run.
 bool runAndKill(Trial& trial, const Reference& reference, const std::vector<std::string>& arguments,
-                const KillPoint& point);
+                const KillPoint& point, bool isFirst);
 
 // The parts of the above that other trials need too.
 

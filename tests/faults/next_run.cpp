@@ -214,7 +214,7 @@ Trial killAndRunNext(Mode killed, Mode next, const KillPoint& point) {
   for (const char* directory : {kFirstDirectory, kNextDirectory, kLastDirectory}) {
     appliance::makeDirectories(directory);
   }
-  if (!runAndKill(trial, killedReference, commandLine(killed, kFirstDirectory), point)) {
+  if (!runAndKill(trial, killedReference, commandLine(killed, kFirstDirectory), point, true)) {
     trial.faults.push_back("the tool was not killed " + nameOf(point));
     return trial;
   }
