@@ -162,8 +162,8 @@ class RoutineTest : public ToolTest, public ::testing::WithParamInterface<Arrang
 
   static bool controlsTransactions(std::string_view statement) {
     return statement.empty() || statement.starts_with("BEGIN") || statement.starts_with("COMMIT") ||
-           statement.starts_with("SET ") || statement.starts_with("SAVEPOINT") ||
-           statement.starts_with("RELEASE") || statement.starts_with("SELECT FROM pg_class t ");
+           statement.starts_with("SET ") || statement.starts_with("SAVEPOINT") || statement.starts_with("RELEASE") ||
+           statement.starts_with("SELECT FROM pg_class t ");
   }
 
   // Puts the values of a line "$1 = 'a', $2 = NULL" in their places, without the quotes.
