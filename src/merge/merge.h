@@ -13,8 +13,9 @@
 // where both are one connection).
 //
 // 0 when every source row was handled. A failed statement is logged as "Failed to exec [statement] (error text)" and
-// ends the routine at once with a negative result; what was written before stays written. Every statement is a
-// transaction of its own, except in KavophotoSyncLog.
+// ends the routine at once with a negative result; what was written before stays written. Rows are
+// committed in windows, or one by one after a failure (see platform/side_by_side.h); KavophotoSyncLog is one
+// transaction.
 using MergeRoutine = int(DBConnect_tag* destination, DBConnect_tag* source, const char* suffix);
 
 // One row of a merge-routine table; an empty name with a null routine ends the table.

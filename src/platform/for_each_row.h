@@ -76,11 +76,13 @@ void readWindow(ListingReader& reader, Read& read, std::optional<ListedRow<Row>>
 //
 // `read` makes of the current row a value of what is needed of it, or nothing when the row is left out. It is called
 // once for each row, in their order, and runs no statements. `merge` runs the statements of one such value; true or 0
-// goes on, false (-1) or a negative number ends. keysOf(value), found beside the value's type, names the rows of the
-// destination that it is about: rows with a key in common never run side by side, so that each sees what the ones
+// goes on, false (-1) or a negative number ends. keysOf(value), found by argument-dependent lookup, names the rows of
+// the destination that it is about: rows with a key in common never run side by side, so that each sees what the ones
 // before it wrote, and one without keys runs in a window of its own. Where the tables of the destination connect their
-// rows in other ways, every row does (see independent_rows.h). `state` is what `merge` changes in this process for the
-// rows after it; it is copied for each window.
+// rows in other ways, every row does (see independent_rows.h). It may be called again for a row whose
+// window was rolled back, and is left by an exception then: it uses nothing but `execute`, on these two connections,
+// and what it holds is freed by destructors. Its stack is 128 KiB. `state` is what `merge` changes in this process for
+// the rows after it; it is copied for each window.
 //
 // 0 when every row was merged; otherwise the result of the row that ended it. What was merged before stays.
 template <typename Read, typename Merge, typename State>

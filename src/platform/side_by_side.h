@@ -27,11 +27,12 @@ std::size_t windowRows();
 // The same for a test of this process.
 void setWindowRows(std::size_t rows);
 
-// Calls row(0) to row(count - 1), in one transaction: after a kill or a failure none of them has written anything, or
-// all have. They run side by side first. When any statement fails, or a row gives a negative result, all that is taken
-// back, `takeBack` is called for what the rows have changed in this process, and they run again one after the other:
-// each in a transaction of its own, in which a failed statement leaves what was written before it, until one gives a
-// negative result. Messages come out once, in the order of the rows.
+// Calls row(0) to row(count - 1), in one transaction: after a kill none of them has written anything, or all have. They
+// run side by side first. When any statement fails, or a row gives a negative result, all that is taken back,
+// `takeBack` is called for what the rows have changed in this process, and they run again one after the other: each in
+// a transaction of its own, in which a failed statement leaves what was written before it, until one gives a negative
+// result. A row that is in the way of other sessions is tried ten times, and then its statements are committed one by
+// one. Messages come out once, in the order of the rows.
 //
 // In an open transaction the rows become a part of it, and rows that run alone are not kept apart from it. 0, or the
 // first negative result. A row that cannot be committed is logged and counts as -1.

@@ -66,9 +66,46 @@ unsigned typeOfNumber(std::string_view number) {
   return isInt4 ? kInt4 : value > INT64_MIN ? kInt8 : kNumeric;
 }
 
+// Quoted texts or numbers, with commas and blanks between them.
+bool isList(std::string_view list) {
+  constexpr std::string_view kBetween = ", ";
+  if (list.find_first_not_of("0123456789, ") == std::string_view::npos) {
+    return true;
+  }
+  while (!list.empty()) {
+    if (list.front() != '\'') {
+      return false;
+    }
+    std::size_t end = list.find('\'', 1);
+    while (end != std::string_view::npos && list.substr(end, 2) == "''") {
+      end = list.find('\'', end + 2);
+    }
+    if (end == std::string_view::npos) {
+      return false;
+    }
+    list.remove_prefix(end + 1);
+    list.remove_prefix(std::min(list.find_first_not_of(kBetween), list.size()));
+  }
+  return true;
+}
+
+// Decided here for every value of every statement.
 bool keepsItsPlace(const Argument& argument, const TemplatePlace& place) {
-  return place.hasOwnQuotes || argument.kind == Argument::Kind::kQuotedOrNull ? argument.mayBeQuoted
-                                                                              : argument.mayBeBare;
+  switch (argument.kind) {
+    case Argument::Kind::kText:
+      return place.hasOwnQuotes;
+    case Argument::Kind::kRaw:
+      return place.hasOwnQuotes ? hasQuotesInPairs(argument.text) : !place.isInsideText && isNumeric(argument.text);
+    case Argument::Kind::kQuotedOrNull:
+      return hasQuotesInPairs(argument.text);
+    case Argument::Kind::kList:
+      return isList(argument.text);
+    case Argument::Kind::kName:
+      return isName(argument.text);
+    case Argument::Kind::kNumber:
+      return true;
+  }
+  return false;
 }
 
 void appendArgument(std::string& text, const Argument& argument) {
@@ -116,10 +153,8 @@ bool staysInText(const Argument& argument) {
 
 }  // namespace
 
-Raw::Raw(std::string value) : text(std::move(value)), mayBeQuoted(hasQuotesInPairs(text)), mayBeBare(isNumeric(text)) {}
-
 List List::of(const std::vector<std::string>& texts, const char* separator) {
-  List list = {"", true};
+  List list;
   for (const std::string& text : texts) {
     list.text.append(list.text.empty() ? "" : separator).append("'");
     appendEscaped(list.text, text);
@@ -127,12 +162,6 @@ List List::of(const std::vector<std::string>& texts, const char* separator) {
   }
   return list;
 }
-
-List List::ofNumbers(const std::string& numbers) {
-  return {numbers, numbers.find_first_not_of("0123456789, ") == std::string::npos};
-}
-
-Argument::Argument(const Name& value) : kind(Kind::kName), text(value.text) { mayBeQuoted = mayBeBare = isName(text); }
 
 bool valuesKeepTheirPlaces(const Statement& statement) { return forEachPlace(statement, keepsItsPlace); }
 

@@ -6,42 +6,39 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
-// SQL as a template and its values. A template is a literal that the compiler checks against the values; a value knows
-// how it may stand in SQL. So a finished statement with foreign values in it cannot be made at all.
+// SQL as a template and its values. A template is a literal that the compiler checks against the types of the values; a
+// type says how its values are inserted. A statement cannot be made of a string that is put together at run time.
 
-// A text that stands between quotes, escaped.
+// A text that is inserted between quotes, escaped.
 struct Text {
   std::string text;
 };
 
-// A value that stands as the source holds it, between quotes or bare. What would end its place there is found out when
-// the value is made; a statement that puts it in such a place fails instead of being run.
+// A value that is inserted as the source holds it, between quotes or bare. A statement with one that would break out of
+// its place is not run: between quotes, single quotes must come in pairs; bare, only the characters of numbers and sums
+// may occur, and no comment.
 struct Raw {
-  Raw() : Raw(std::string()) {}
-  explicit Raw(std::string value);
+  Raw() = default;
+  explicit Raw(std::string value) : text(std::move(value)) {}
 
   std::string text;
-  // Single quotes come in pairs.
-  bool mayBeQuoted = false;
-  // Made of nothing that a number or a sum of numbers is not made of.
-  bool mayBeBare = false;
 };
 
-// NULL for the empty text; otherwise the text as the source holds it, between quotes. Stands bare in a template.
+// NULL for the empty text; otherwise the text as the source holds it, between quotes. Bare in a template.
 struct QuotedOrNull {
   Raw value;
 };
 
-// A list of texts, each quoted and escaped, or of numbers as they are; for "IN (%s)".
+// A list of texts, each quoted and escaped, or of numbers as they are; for "IN (%s)". A statement with anything else in
+// the place of a list is not run.
 struct List {
   static List of(const std::vector<std::string>& texts, const char* separator);
-  // Fails in a statement when it holds anything that a list of numbers is not made of.
-  static List ofNumbers(const std::string& numbers);
+  static List ofNumbers(const std::string& numbers) { return {numbers}; }
 
   std::string text;
-  bool mayBeBare = false;
 };
 
 // A name, or the end of one, of a table or column: letters, digits and underscores. Anything else fails in a statement.
@@ -82,6 +79,24 @@ constexpr TemplatePlace nextPlace(std::string_view text, std::size_t from, bool&
   return {std::string_view::npos, text.size(), false, false};
 }
 
+// False for SQL whose quotes may mean something else than the beginning and end of a text: comments, names in double
+// quotes, dollar quotes, and texts with a letter before them, such as E'...'.
+constexpr bool isPlainSql(std::string_view text) {
+  bool insideText = false;
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    const std::string_view two = text.substr(at, 2);
+    const char before = at > 0 ? text[at - 1] : ' ';
+    const bool followsWord =
+        (before >= 'a' && before <= 'z') || (before >= 'A' && before <= 'Z') || before == '&' || before == '_';
+    if (text[at] == '"' || text[at] == '$' || two == "--" || two == "/*" ||
+        (text[at] == '\'' && !insideText && followsWord)) {
+      return false;
+    }
+    insideText = (text[at] == '\'') != insideText;
+  }
+  return true;
+}
+
 template <typename Value>
 constexpr bool fits(const TemplatePlace& place) {
   if constexpr (std::same_as<Value, Name>) {
@@ -113,6 +128,9 @@ struct Template : Literal {
   template <std::size_t size>
   consteval Template(const char (&literal)[size], int at = __builtin_LINE())  // NOLINT(google-explicit-constructor)
       : Literal(literal, at) {
+    if (sizeof...(Values) > 0 && !isPlainSql(text)) {
+      placesAndValuesOfTheTemplateDoNotMatch();
+    }
     std::size_t from = 0;
     bool insideText = false;
     [[maybe_unused]] const auto check = [&](auto fitsHere) {
@@ -134,33 +152,30 @@ struct Argument {
   enum class Kind { kText, kRaw, kNumber, kQuotedOrNull, kList, kName };
 
   explicit Argument(const Text& value) : kind(Kind::kText), text(value.text) {}
-  explicit Argument(const Raw& value)
-      : kind(Kind::kRaw), text(value.text), mayBeQuoted(value.mayBeQuoted), mayBeBare(value.mayBeBare) {}
-  explicit Argument(const QuotedOrNull& value)
-      : kind(Kind::kQuotedOrNull), text(value.value.text), mayBeQuoted(value.value.mayBeQuoted) {}
-  explicit Argument(const List& value) : kind(Kind::kList), text(value.text), mayBeBare(value.mayBeBare) {}
-  explicit Argument(const Name& value);
+  explicit Argument(const Raw& value) : kind(Kind::kRaw), text(value.text) {}
+  explicit Argument(const QuotedOrNull& value) : kind(Kind::kQuotedOrNull), text(value.value.text) {}
+  explicit Argument(const List& value) : kind(Kind::kList), text(value.text) {}
+  explicit Argument(const Name& value) : kind(Kind::kName), text(value.text) {}
   template <std::integral Number>
   explicit Argument(Number value) : kind(Kind::kNumber), text(std::to_string(value)) {}
 
   Kind kind;
   std::string text;
-  bool mayBeQuoted = true;
-  bool mayBeBare = true;
 };
 
+// A template and a copy of the value for each of its places. It is made of nothing else.
 struct Statement : Literal {
-  std::vector<Argument> arguments;
+  template <typename... Values>
+  explicit Statement(const Template<Values...>& literal, const Values&... values)
+      : Literal(literal), arguments{Argument(values)...} {}
+
+  const std::vector<Argument> arguments;
 };
 
-// A statement of a template and a value for each of its places. It holds copies of the values.
 template <typename... Values>
 requires(StatementValue<Values>&&...) Statement
     sql(std::type_identity_t<Template<Values...>> text, const Values&... values) {
-  Statement statement = {text, {}};
-  statement.arguments.reserve(sizeof...(values));
-  (statement.arguments.emplace_back(values), ...);
-  return statement;
+  return Statement(text, values...);
 }
 
 // True when every value keeps its place.

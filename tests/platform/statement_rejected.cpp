@@ -38,6 +38,18 @@ bool run(DBConnect_tag* connection, const std::string& foreign) {
   return execute(connection, "Select 100%", 1);
 #elif REJECTED == 17
   return execute(connection, "Select %s", 1.5);
+#elif REJECTED == 18
+  return execute(connection, Statement{{"Select %s", 1}, {Argument(Text{foreign})}});
+#elif REJECTED == 19
+  return execute(connection, "Select E'%s'", Text{foreign});
+#elif REJECTED == 20
+  return execute(connection, "Select 1 -- '%s'", Text{foreign});
+#elif REJECTED == 21
+  return execute(connection, "Select 1 /* '%s' */", Text{foreign});
+#elif REJECTED == 22
+  return execute(connection, "Select 1 as \"'%s'\"", Text{foreign});
+#elif REJECTED == 23
+  return execute(connection, "Select $$ '%s' $$", Text{foreign});
 #else
   return execute(connection, "Select '%s', %s, %s", Text{foreign}, Raw(foreign), 1);
 #endif

@@ -267,4 +267,18 @@ TEST_F(StatementTest, MeansTheSameToTheServerInBothForms) {
   }
 }
 
+TEST_F(StatementTest, LooksAtTheValuesThatItHoldsNotAtThoseThatWere) {
+  Raw changed("1");
+  changed.text = "1; Drop table photo_label";
+  EXPECT_FALSE(valuesKeepTheirPlaces(sql("Select %s", changed)));
+  EXPECT_FALSE(valuesKeepTheirPlaces(sql("Select %s", QuotedOrNull{Raw("it's")})));
+  for (const char* const list : {"1) or (true", "'a') or ('b' = 'b'", "'a", "a'b'", "'a''", "'a' or 'b'"}) {
+    EXPECT_FALSE(valuesKeepTheirPlaces(sql("Select 1 in (%s)", List{list}))) << list;
+  }
+  for (const char* const list : {"", "1", "1, 2,3", "'a'", "'it''s', ''", "''''"}) {
+    EXPECT_TRUE(valuesKeepTheirPlaces(sql("Select 1 in (%s)", List{list}))) << list;
+  }
+  appliance::checked();
+}
+
 }  // namespace
