@@ -154,11 +154,10 @@ TEST_F(StatementTest, RefusesListsAndNamesOfAnythingElse) {
   for (const char* const numbers : {"", "1", "1,2", " 1 , 2 ", "99999999999999999999"}) {
     EXPECT_TRUE(valuesKeepTheirPlaces(sql("in (%s)", List::ofNumbers(numbers)))) << numbers;
   }
-  for (const char* const numbers : {"a", "1)", "-1", "'1'", "1;2", "1\n", "1.5"}) {
+  for (const char* const numbers : {"a", "1)", "-1", "'1", "1;2", "1\n", "1.5"}) {
     EXPECT_FALSE(valuesKeepTheirPlaces(sql("in (%s)", List::ofNumbers(numbers)))) << numbers;
   }
   EXPECT_TRUE(valuesKeepTheirPlaces(sql("in (%s)", List::of({"'; --"}, ","))));
-  EXPECT_FALSE(valuesKeepTheirPlaces(sql("in (%s)", List{"1"})));
   EXPECT_TRUE(valuesKeepTheirPlaces(sql("from %s%s", Name("Photo_image2"), Name(""))));
   for (const char* const name : {"a b", "a;", "a--", "\"a\"", "a.b", "a\xC3\xA9", "a'"}) {
     EXPECT_FALSE(valuesKeepTheirPlaces(sql("from %s", Name(name)))) << name;
