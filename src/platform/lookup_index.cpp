@@ -25,7 +25,9 @@ bool createLookupIndex(DBConnect_tag* connection, const char* table, const char*
   // a reader that wants to write. Statistics go with the index, for a table that never had any.
   const bool made = runs(connection, formatText("LOCK TABLE %s IN ACCESS EXCLUSIVE MODE NOWAIT", table)) &&
                     runs(connection, formatText("CREATE INDEX kavophoto_backup_lookup ON %s (%s)", table, column)) &&
-                    runs(connection, formatText("ANALYZE %s", table));
+                    runs(connection, formatText("ANALYZE %s", table)) &&
+                    // A statement that is prepared while the table is empty would go on scanning it as it grows.
+                    runs(connection, "SET LOCAL enable_seqscan = off");
   if (!made) {
     runs(connection, "ROLLBACK TO SAVEPOINT kavophoto_backup_lookup");
   }

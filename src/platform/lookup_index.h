@@ -8,7 +8,7 @@
 // Makes the index on `table`.`column` when `lookUps`, the number of look-ups to come, make it worth while. It needs the
 // table for itself until the transaction ends, so it is not made when anybody else is using the table, nor when it
 // cannot be made for another reason: all that is lost then is speed, the transaction stays as it was and nothing is
-// logged. True when the index was made.
+// logged. True when the index was made; until the transaction ends, statements prefer indexes then.
 bool createLookupIndex(DBConnect_tag* connection, const char* table, const char* column, long long lookUps);
 
 void dropLookupIndex(DBConnect_tag* connection);
